@@ -1,0 +1,1 @@
+// Replacements of C library calls for the unit tests.
