@@ -63,7 +63,7 @@ class QCMgr {
     QMutex mutexPck;            // held while the object is built, copied or destroyed
 };
 
-enum QueueType { AsyncQueue = 0, FixQueue = 1 };
+enum QueueType : int { AsyncQueue = 0, FixQueue = 1 };
 
 struct QCDelayed_t {
     QCMgr* QCwrong;
@@ -116,6 +116,14 @@ class QueuesMgr : public QThread {
 
     static uint32 keyOf(const pckStruct& query);
 
+    // The walk over FixQuery, a step of which is the link's to decide. Each takes mutexQ.
+    /// CurrFixQC stands at the end; so it does in an empty map.
+    bool fixRoundIsOver();
+    /// Back to the first element. False when there is none.
+    bool restartFixRound();
+    /// To the next element; stays at the end.
+    void advanceFixQC();
+
     using FixQueryMap = std::map<uint32, QCMgr*>;
     FixQueryMap FixQuery;
     FixQueryMap::iterator CurrFixQC;
@@ -125,6 +133,18 @@ class QueuesMgr : public QThread {
     std::list<QCMgr> Queries;  // a list, since its elements must stay where they are
     QCMgr* currQC;             // handed out by the latest peek, the one in flight
     QTimer tmrRestore;
+
+  private:
+    // The caller holds mutexQ.
+    void removeQuery(const QCMgr* query);
+    void removeQueryAndUnheldEquals(const QCMgr* query);
+    bool isHeld(const QCMgr* query) const;
+    /// Makes `query` the one in flight, which ends the flight of the one before it. False where it can't be sent.
+    bool handOut(QCMgr* query);
+
+    // An element that was removed while in flight: the link's thread may still be using it outside the lock, so it
+    // stays until that thread peeks again.
+    std::list<QCMgr> retired;
 };
 
 #endif
