@@ -4,6 +4,7 @@
 #define CABP_CLOCKMGR_H
 
 #include "CABP/CABPTypes.h"
+#include "CABP/ClockStages.h"
 #include "Common/myMutex.h"
 
 class ClockMgr {
@@ -26,6 +27,19 @@ class ClockMgr {
     myMutex* mutexClk;             // guards this object
     time_t epochWhenClockChanged;  // when this clock was set by hand; 0 if not, or once its priority has run out
     time_t lastAdj;                // last successful adjtime()
+    static int32 prevdelta;        // state of the filter, 1/32 ms; one for the process
+
+  private:
+    // The stages that touch members, logs or the system clock; the caller holds mutexClk. `ownId` and `remoteId` are
+    // indices of the table.
+    bool adjustedLately() const;
+    /// Gives the own entry the mark of a clock set by hand, or ends its priority.
+    void updatePriority(clkStruct& table, int ownId, time32_t maxEpoch);
+    /// An offset too large for a slew: the filter starts over, the clock is left alone.
+    void restartFilter(clkStruct& table, int ownId, int remoteId);
+    void correct(const clkStruct& table, int ownId, int remoteId, const clockstages::GroupSum& sum);
+    /// Asks for the adjustment that takes an offset (ms) away.
+    void slew(std::int64_t offset);
 };
 
 #endif
