@@ -1,1 +1,0 @@
-// Replacements of C library calls for the unit tests.
