@@ -1,5 +1,6 @@
 #include "support/LogCapture.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -62,6 +63,7 @@ LogEntry parse(const std::string& line) {
 }  // namespace
 
 LogCapture::LogCapture() : file_(memfd_create("log", MFD_CLOEXEC)), saved_(dup(STDERR_FILENO)) {
+    fcntl(file_, F_SETFL, O_APPEND);  // writes of several threads keep their places
     dup2(file_, STDERR_FILENO);
     capturedFile = file_;
     realStderr = saved_;
@@ -148,10 +150,7 @@ bool LogCapture::has(const std::string& level, const std::string& message) const
 }
 
 void LogCapture::clear() {
-    // Written with a shared offset, so the file must be rewound too.
-    if (ftruncate(file_, 0) == 0) {
-        lseek(file_, 0, SEEK_SET);
-    }
+    EXPECT_EQ(ftruncate(file_, 0), 0);
 }
 
 }  // namespace support
