@@ -103,6 +103,15 @@ class SysCfgMgr {
     // Written by the aggregation of the bus thread; InitSysStatus resets them from whichever thread asks.
     std::atomic<uint8> moduleNotOnLoad;
     std::atomic<uint8> moduleUsed;
+
+  protected:
+    // The same questions as this class's own code asks them: no option board is known here.
+    static constexpr bool ISOPTCOMA() { return false; }
+    static constexpr bool ISOPTCOMB() { return false; }
+    static constexpr bool ISOPTCOMC() { return false; }
+    static constexpr bool ISOPTCOM_NONE() { return true; }
+    /// Asked of this object's words.
+    bool WITHOUTBATTERY() const;
 };
 
 NAIL_SIZE(upsBoxCfg_t, 13);
@@ -113,9 +122,51 @@ NAIL(upsBoxCfg_t, batteryPresent, 3, 5);
 NAIL(upsBoxCfg_t, sensTPresent, 8, 4);
 NAIL(upsBoxCfg_t, hygroPresent, 12, 1);
 NAIL_SIZE(battBoxCfg_t, 15);
+NAIL(battBoxCfg_t, present, 0, 1);
 NAIL(battBoxCfg_t, batteryPresent, 1, 9);
 NAIL(battBoxCfg_t, sensTPresent, 10, 4);
 NAIL(battBoxCfg_t, hygroPresent, 14, 1);
 NAIL_SIZE(PlantCfg, 374);
+NAIL(PlantCfg, DeviceNo, 0, 4);
+NAIL(PlantCfg, VAModule, 4, 4);
+NAIL(PlantCfg, WModule, 8, 4);
+NAIL(PlantCfg, IoutModule, 12, 4);
+NAIL(PlantCfg, SingleBatteryAh, 16, 4);
+NAIL(PlantCfg, threshouldBatteryTemp, 20, 2);
+NAIL(PlantCfg, redundantUPS, 22, 1);
+NAIL(PlantCfg, alarmLoadThreshold, 23, 1);
+NAIL(PlantCfg, externBattCapacity, 24, 2);
+NAIL(PlantCfg, Ups, 26, 52);
+NAIL(PlantCfg, word3, 78, 2);
+NAIL(PlantCfg, word53, 108, 2);
+NAIL(PlantCfg, word174, 124, 2);
+NAIL(PlantCfg, IN1, 126, 2);
+NAIL(PlantCfg, IN4, 132, 2);
+NAIL(PlantCfg, word182, 134, 2);
+NAIL(PlantCfg, word304, 160, 2);
+NAIL(PlantCfg, passwordUser, 162, 32);
+NAIL(PlantCfg, passwordPowerUser, 194, 32);
+NAIL(PlantCfg, passwordExpert, 226, 32);
+NAIL(PlantCfg, languageStr, 258, 4);
+NAIL(PlantCfg, genSetupTimeoutScreenSaver, 262, 1);
+NAIL(PlantCfg, genSetupBuzzerEn, 263, 1);
+NAIL(PlantCfg, timezoneContinent, 264, 12);
+NAIL(PlantCfg, timezoneCity, 276, 18);
+NAIL(PlantCfg, ntpServerName, 294, 32);
+NAIL(PlantCfg, ntpQueryType, 326, 1);
+NAIL(PlantCfg, ntpQueryDailyHour, 327, 1);
+NAIL(PlantCfg, ntpQueryWeeklyDay, 328, 1);
+NAIL(PlantCfg, ntpQueryMonthlyDay, 329, 1);
+NAIL(PlantCfg, udpd_Enabled, 330, 1);
+NAIL(PlantCfg, udpd_port, 331, 2);
+NAIL(PlantCfg, udpd_password, 333, 32);
+NAIL(PlantCfg, udpd_CommandEnabled, 365, 1);
+NAIL(PlantCfg, httpd_Enabled, 366, 1);
+NAIL(PlantCfg, httpd_port, 367, 2);
+NAIL(PlantCfg, ssh_Enabled, 369, 1);
+NAIL(PlantCfg, slot1d_CommandEnabled, 370, 1);
+NAIL(PlantCfg, slot2d_CommandEnabled, 371, 1);
+NAIL(PlantCfg, PMRedundant_Excluded, 372, 1);
+NAIL(PlantCfg, reserved, 373, 1);
 
 #endif
