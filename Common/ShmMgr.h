@@ -13,7 +13,7 @@ int createShm(void** pShm, int size, key_t shm_key);
 int attachShm(void** pShm, int size, key_t shm_key);
 /// Detaches only. 0 or -1.
 int detachShm(void** pShm);
-/// Detaches, waits until no other process is attached (after 60 s, and again every 255 s, the card is rebooted),
+/// Detaches, waits until no other process is attached (after 60 s, and again every 256 s, the card is rebooted),
 /// removes the segment. 0 or -1.
 int destroyShm(void** pShm, int shm_id);
 
