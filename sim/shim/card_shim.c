@@ -1,0 +1,195 @@
+/*
+ * Preloaded under the daemon in tests and in the demonstration: it keeps the machine's clock out of reach, and makes a
+ * pseudo-terminal take the time of a serial line.
+ *
+ *   CARD_SHIM_LOG    file that gets a line for each call that would have touched the clock
+ *   CARD_SHIM_CLOCK  file of three int64: mode, seconds, microseconds. Mode 0: the machine's wall clock; 1: the wall
+ *                    clock stands at the given time; 2: the given time is added to it. The file is mapped, so a test
+ *                    moves the daemon's clock by writing to it. The monotonic clock is never touched.
+ *   CARD_SHIM_ERRNO  if set, adjtime fails with this number
+ *   CARD_SHIM_BAUD   if set, what is written to a terminal takes ten bits a byte at this speed until tcdrain returns;
+ *                    a pseudo-terminal by itself drains at once
+ */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <sys/timex.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#define EXPORT __attribute__((visibility("default")))
+#define MAX_FD 256
+
+struct wall {
+    int64_t mode;
+    int64_t sec;
+    int64_t usec;
+};
+
+static volatile struct wall* wall;
+static const char* log_path;
+static int adjtime_errno;
+static double byte_seconds;
+static double busy_until[MAX_FD];
+static char is_line[MAX_FD];
+
+static int (*real_clock_gettime)(clockid_t, struct timespec*);
+static ssize_t (*real_write)(int, const void*, size_t);
+static int (*real_close)(int);
+
+static void* next_symbol(const char* name) {
+    return dlsym(RTLD_NEXT, name);
+}
+
+__attribute__((constructor)) static void set_up(void) {
+    real_clock_gettime = (int (*)(clockid_t, struct timespec*))next_symbol("clock_gettime");
+    real_write = (ssize_t(*)(int, const void*, size_t))next_symbol("write");
+    real_close = (int (*)(int))next_symbol("close");
+    log_path = getenv("CARD_SHIM_LOG");
+    const char* number = getenv("CARD_SHIM_ERRNO");
+    adjtime_errno = number ? atoi(number) : 0;
+    number = getenv("CARD_SHIM_BAUD");
+    if (number && atof(number) > 0) byte_seconds = 10.0 / atof(number);
+    const char* clock_path = getenv("CARD_SHIM_CLOCK");
+    if (clock_path) {
+        int fd = open(clock_path, O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            void* at = mmap(NULL, sizeof *wall, PROT_READ, MAP_SHARED, fd, 0);
+            if (at != MAP_FAILED) wall = at;
+            real_close(fd);
+        }
+    }
+}
+
+static void note(const char* format, long long a, long long b) {
+    if (!log_path) return;
+    int fd = open(log_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    char line[128];
+    int n = snprintf(line, sizeof line, format, a, b);
+    ssize_t written = real_write(fd, line, (size_t)n);
+    (void)written;
+    real_close(fd);
+}
+
+/* The wall clock as the daemon is to see it. */
+static void tell_wall(struct timespec* ts) {
+    real_clock_gettime(CLOCK_REALTIME, ts);
+    if (!wall || !wall->mode) return;
+    int64_t usec = wall->usec;
+    if (wall->mode == 1) {
+        ts->tv_sec = (time_t)wall->sec;
+        ts->tv_nsec = (long)(usec * 1000);
+        return;
+    }
+    usec += ts->tv_nsec / 1000;
+    ts->tv_sec += (time_t)(wall->sec + usec / 1000000);
+    ts->tv_nsec = (long)(usec % 1000000 * 1000);
+}
+
+EXPORT time_t time(time_t* out) {
+    struct timespec ts;
+    tell_wall(&ts);
+    if (out) *out = ts.tv_sec;
+    return ts.tv_sec;
+}
+
+EXPORT int gettimeofday(struct timeval* restrict tv, void* restrict zone) {
+    struct timespec ts;
+    (void)zone;
+    tell_wall(&ts);
+    tv->tv_sec = ts.tv_sec;
+    tv->tv_usec = ts.tv_nsec / 1000;
+    return 0;
+}
+
+EXPORT int clock_gettime(clockid_t id, struct timespec* ts) {
+    if (id == CLOCK_REALTIME && real_clock_gettime) {
+        tell_wall(ts);
+        return 0;
+    }
+    if (!real_clock_gettime) /* called before this library's own constructor */
+        real_clock_gettime = (int (*)(clockid_t, struct timespec*))next_symbol("clock_gettime");
+    return real_clock_gettime(id, ts);
+}
+
+EXPORT int adjtime(const struct timeval* delta, struct timeval* old) {
+    static struct timeval last;
+    if (delta) note("adjtime %lld %lld\n", delta->tv_sec, delta->tv_usec);
+    if (adjtime_errno) {
+        errno = adjtime_errno;
+        return -1;
+    }
+    if (old) *old = last;
+    if (delta) last = *delta;
+    return 0;
+}
+
+EXPORT int settimeofday(const struct timeval* tv, const struct timezone* zone) {
+    (void)zone;
+    if (tv) note("settimeofday %lld %lld\n", tv->tv_sec, tv->tv_usec);
+    return 0;
+}
+
+EXPORT int clock_settime(clockid_t id, const struct timespec* ts) {
+    note("clock_settime %lld %lld\n", id, ts->tv_sec);
+    return 0;
+}
+
+EXPORT int adjtimex(struct timex* buf) {
+    note("adjtimex %lld %lld\n", buf->modes, 0);
+    errno = EPERM;
+    return -1;
+}
+
+EXPORT int clock_adjtime(clockid_t id, struct timex* buf) {
+    note("clock_adjtime %lld %lld\n", id, buf->modes);
+    errno = EPERM;
+    return -1;
+}
+
+static double now_seconds(void) {
+    struct timespec ts;
+    real_clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
+}
+
+EXPORT ssize_t write(int fd, const void* data, size_t count) {
+    if (!real_write) real_write = (ssize_t(*)(int, const void*, size_t))next_symbol("write");
+    ssize_t n = real_write(fd, data, count);
+    if (n > 0 && byte_seconds > 0 && fd >= 0 && fd < MAX_FD && is_line[fd]) {
+        double now = now_seconds();
+        if (busy_until[fd] < now) busy_until[fd] = now;
+        busy_until[fd] += (double)n * byte_seconds;
+    }
+    return n;
+}
+
+EXPORT int close(int fd) {
+    if (!real_close) real_close = (int (*)(int))next_symbol("close");
+    if (fd >= 0 && fd < MAX_FD) {
+        is_line[fd] = 0;
+        busy_until[fd] = 0;
+    }
+    return real_close(fd);
+}
+
+/* A port is drained before each write, so the first drain tells which descriptors are lines. */
+EXPORT int tcdrain(int fd) {
+    if (!isatty(fd)) return -1; /* with the errno that the driver would give: EBADF, ENOTTY, EIO */
+    if (fd >= MAX_FD) return 0;
+    is_line[fd] = 1;
+    double left = busy_until[fd] - now_seconds();
+    if (left <= 0) return 0;
+    struct timespec ts = {(time_t)left, (long)((left - (double)(time_t)left) * 1e9)};
+    if (nanosleep(&ts, NULL) != 0) return -1; /* EINTR, as from the driver */
+    return 0;
+}
