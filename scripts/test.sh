@@ -1,0 +1,39 @@
+#!/bin/bash
+# Builds with warnings as errors, runs the unit and integration tests, then the unit tests again under the address and
+# undefined-behaviour sanitizers.
+#
+#   scripts/test.sh [--quick]      --quick: the unit tests only, without sanitizers
+#
+# Installs what is missing (with sudo if you aren't root).
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+cd "$root"
+
+quick=
+case "${1:-}" in
+    --quick) quick=yes ;;
+    "") ;;
+    *) sed -n '2,8s/^# \{0,1\}//p' "$0"; exit 2 ;;
+esac
+
+jobs=$(nproc)
+failed=
+need "${build_packages[@]}" "${test_packages[@]}"
+
+cmake --preset dev -DUGW_TESTS=ON -DUGW_BENCH=ON
+cmake --build --preset dev -j "$jobs"
+if [ "$quick" ]; then
+    ctest --test-dir build -j "$jobs" -L unit --output-on-failure
+    exit
+fi
+with_namespaces ctest --test-dir build -j "$jobs" --output-on-failure || failed="$failed dev"
+
+cmake --preset asan
+cmake --build --preset asan -j "$jobs" --target unit_tests
+UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-asan -j "$jobs" -L unit --output-on-failure \
+    || failed="$failed asan"
+
+if [ "$failed" ]; then
+    echo "failed:$failed"
+    exit 1
+fi
+echo "all tests passed, in $((SECONDS / 60)) min $((SECONDS % 60)) s"
