@@ -1,0 +1,126 @@
+"""Fixtures of the integration tests. README.md in this folder tells how to use them."""
+
+import itertools
+import os
+import shutil
+
+import pytest
+
+from sim.bus import Bus
+from sim.cabinet import Cabinet
+from sim.gateway import Gateway, default_build
+from sim.loop import Loop
+from sim.plant import CabinetModel, Plant
+
+_numbers = itertools.count(1)
+
+
+@pytest.fixture(scope="session")
+def build():
+    """The build directory; the binary has to be there."""
+    path = default_build()
+    assert os.path.exists(os.path.join(path, "UGW")), "no UGW in %s: build first" % path
+    return path
+
+
+@pytest.fixture
+def workdir(request):
+    """A directory of this test's own, under the build directory; removed afterwards, or kept if UGW_KEEP is set."""
+    path = os.path.join(default_build(), "integration", "%d-%d-%s" % (os.getpid(), next(_numbers),
+                                                                     request.node.name[:40].replace("/", "_")))
+    os.makedirs(path)
+    yield path
+    if not os.environ.get("UGW_KEEP"):
+        shutil.rmtree(path, ignore_errors=True)
+
+
+@pytest.fixture
+def loop():
+    """The thread behind the buses; a fault in a simulated node fails the test."""
+    loop = Loop()
+    yield loop
+    loop.stop()
+    assert not loop.errors, loop.errors[0]
+
+
+@pytest.fixture
+def make_bus(request, loop):
+    """make_bus(speed): a bus; speed 0 takes no time, 1 is 9600 baud."""
+    buses = []
+
+    def make(speed=0, **options):
+        bus = Bus(loop, speed=speed, **options)
+        buses.append(bus)
+        _watched(request).append(("bus", bus.transcript))
+        return bus
+    yield make
+    for bus in buses:
+        bus.close()
+
+
+@pytest.fixture
+def bus(make_bus):
+    """A bus that takes no time."""
+    return make_bus(0)
+
+
+@pytest.fixture
+def paced_bus(make_bus):
+    """A bus at 9600 baud."""
+    return make_bus(1)
+
+
+def good_cabinet(letter, turnaround=0.002):
+    """A healthy cabinet whose measures stand still, apart from the time stamps."""
+    cabinet = Cabinet(letter, turnaround)
+    CabinetModel(Plant(now=lambda: 0.0), letter).install(cabinet)
+    cabinet.model = None
+    return cabinet
+
+
+@pytest.fixture
+def cabinets(bus):
+    """cabinets("BCD", on=another_bus): healthy cabinets on the bus, by letter."""
+    def make(letters, on=None, turnaround=0.002):
+        return {letter: (on or bus).attach(good_cabinet(letter, turnaround)) for letter in letters}
+    return make
+
+
+@pytest.fixture
+def make_gateway(request, build, workdir):
+    """make_gateway(bus, card="A", mask="1111", start=True, ...): a real gateway on a bus, options as of
+    sim.gateway.Gateway; started unless told otherwise, ended and cleaned up after the test."""
+    gateways = []
+
+    def make(bus, card="A", start=True, **options):
+        directory = os.path.join(workdir, "%s%d" % (card, len(gateways)))
+        gateway = Gateway(bus, card, build=build, directory=directory, keep=bool(os.environ.get("UGW_KEEP")),
+                          **options)
+        gateways.append(gateway)
+        _watched(request).append(("log of " + card, lambda: gateway.log.tail(60) if gateway.log else ""))
+        if start:
+            gateway.start()
+        return gateway
+    yield make
+    for gateway in gateways:
+        gateway.close()
+
+
+@pytest.fixture
+def gateway(make_gateway, bus):
+    """gateway(card="A", mask="1111", ...): a real gateway on the bus that takes no time."""
+    return lambda card="A", **options: make_gateway(bus, card, **options)
+
+
+def _watched(request):
+    """What is shown if the test fails: (title, function that gives the text)."""
+    return request.node.__dict__.setdefault("ugw_watched", [])
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    if call.when == "call" and outcome.get_result().failed:
+        for title, text in item.__dict__.get("ugw_watched", []):
+            lines = text().split("\n")
+            outcome.get_result().sections.append((title, "\n".join(lines[-80:])))
