@@ -4,6 +4,28 @@
 
 #include "CABP/CABP.h"
 
+// Tables of commands: rows that begin with `main` and `sub`.
+
+/// Whether any command can begin so. 'F' is reserved: nothing comes under it.
+constexpr bool CABP_IsMainCmd(uint8 main) {
+    for (const char* known = "BCFGOQSTU"; *known != '\0'; ++known) {
+        if (main == static_cast<uint8>(*known)) {
+            return true;
+        }
+    }
+    return false;
+}
+/// The row of a command, or null.
+template <typename Row, std::size_t N>
+const Row* CABP_FindRow(const Row (&table)[N], const pckStruct& cmd) {
+    for (const Row& row : table) {
+        if (row.main == cmd.MainCmd && row.sub == cmd.SubCmd) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
 // Frames (CABP.cpp).
 
 /// CRC over `n` bytes, stored high byte first.

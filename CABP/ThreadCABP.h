@@ -164,7 +164,7 @@ class CABPMgr : public QueuesMgr, public ClockMgr {
     struct timespec lastTime;  // monotonic time of the last aggregation
     QString currPckStr;
     QString lastErrStr;
-    time_t errorCntTimeCleread;
+    std::atomic<time_t> errorCntTimeCleread;
 
     // mutexCABPChannel is held by the role itself, from a demotion to the next promotion. Under mutexState.
     bool channelHeldByRole;
