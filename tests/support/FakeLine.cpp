@@ -232,6 +232,11 @@ void FakeLine::limitWrites(std::size_t bytes) {
     state_->writeLimit = bytes;
 }
 
+void FakeLine::setOutputBuffer(std::size_t bytes) {
+    const SignalSafeLock lock(state_->mutex);
+    state_->outputLimit = bytes;
+}
+
 void FakeLine::openAbove(int descriptor) {
     const SignalSafeLock lock(state_->mutex);
     state_->lowestDescriptor = descriptor;

@@ -128,7 +128,10 @@ class FakeLine {
     /// The BREAK counter of TIOCGICOUNT; a port without it refuses with ENOTTY (the default has it, at 0).
     void setBreakCount(int count);
     void setHasBreakCounter(bool has);
-    /// Bytes one write takes at most; 0 is no limit. A write that is to take none: `fail(LineCall::Write, EAGAIN)`.
+    /// Size of the output buffer (4096 at first; 0 is no limit): a write that finds it full waits, or takes a part, or
+    /// gives EAGAIN where the descriptor doesn't wait.
+    void setOutputBuffer(std::size_t bytes);
+    /// Bytes one write takes at most, as if a signal had cut it short; 0 is no limit.
     void limitWrites(std::size_t bytes);
     /// Descriptors are given out from this number on.
     void openAbove(int descriptor);

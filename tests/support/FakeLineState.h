@@ -39,6 +39,10 @@ struct FakeLine::State {
     void feedFrom(std::int64_t instant, const Bytes& bytes);
     std::size_t arrived(std::int64_t now) const;
     void dropArrived(std::int64_t now);
+    /// Bytes the output buffer can still take.
+    std::size_t outputRoom(std::int64_t now) const;
+    /// From when on a select for writing returns.
+    std::int64_t roomAt() const;
     /// Counts a call and gives the error it is to fail with, 0 if it isn't.
     int enter(LineCall call, unsigned long request = 0);
 
@@ -70,6 +74,7 @@ struct FakeLine::State {
     int openFlags = 0;
     int statusFlags = 0;
     std::size_t writeLimit = 0;
+    std::size_t outputLimit = 4096;
     std::size_t breaksSent = 0;
     bool controlling = false;
     struct termios settings;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 
+#include "support/Allocations.h"
 #include "support/FakeLineState.h"
 #include "support/Transcript.h"
 #include "support/VirtualClock.h"
@@ -291,21 +292,39 @@ ssize_t writeLine(const Descriptor& entry, const void* buffer, size_t length) {
         Transcript::add(state->name, std::string("write fails: ") + std::strerror(error));
         return failed(error);
     }
-    const std::int64_t now = VirtualClock::now();
+    const std::uint8_t* const from = static_cast<const std::uint8_t*>(buffer);
     Bytes bytes;
-    {
-        const SignalSafeLock lock(state->mutex);
-        if (entry.dead()) {
-            return failed(EIO);
+    bool limited = false;
+    for (;;) {
+        const std::int64_t now = VirtualClock::now();
+        std::int64_t roomAt = 0;
+        {
+            const SignalSafeLock lock(state->mutex);
+            if (entry.dead()) {
+                return failed(EIO);
+            }
+            std::size_t n = length - bytes.size();
+            limited = state->writeLimit != 0 && state->writeLimit < n;
+            n = limited ? state->writeLimit : n;
+            const std::size_t room = state->outputRoom(now);
+            n = n < room ? n : room;
+            bytes.insert(bytes.end(), from + bytes.size(), from + bytes.size() + n);
+            if (n > 0) {
+                if (state->sentUntil < now) {
+                    state->sentUntil = now;
+                }
+                state->sentUntil += timeOnLine(static_cast<std::int64_t>(n), baudOf(state->settings));
+            }
+            if (bytes.size() == length || limited || (state->statusFlags & O_NONBLOCK) != 0) {
+                if (bytes.empty() && length > 0) {
+                    return failed(EAGAIN);
+                }
+                state->writes.push_back(bytes);
+                break;
+            }
+            roomAt = state->roomAt();
         }
-        const std::size_t n = state->writeLimit != 0 && state->writeLimit < length ? state->writeLimit : length;
-        const std::uint8_t* const from = static_cast<const std::uint8_t*>(buffer);
-        bytes.assign(from, from + n);
-        if (state->sentUntil < now) {
-            state->sentUntil = now;
-        }
-        state->sentUntil += timeOnLine(static_cast<std::int64_t>(n), baudOf(state->settings));
-        state->writes.push_back(bytes);
+        VirtualClock::step(roomAt > now ? roomAt : now + 1);
     }
     Transcript::addBytes(state->name, ">>", bytes.data(), bytes.size());
     deliver(state, bytes);
@@ -377,34 +396,67 @@ int fcntlLine(int fd, const Descriptor& entry, int command, long argument) {
     }
 }
 
-// Waits until the line has something to read, or for `us`; true in the first case. No limit if `us` is negative.
-bool waitReadable(const std::vector<std::pair<int, Descriptor>>& lines, std::int64_t us, std::int64_t* rest) {
+/// One descriptor of a select: for reading or for writing.
+struct Watched {
+    int fd;
+    Descriptor entry;
+    bool forWriting;
+};
+
+// Now, at a later instant, or (INT64_MAX) not as things are.
+std::int64_t readyAt(const Watched& watched, std::int64_t now) {
+    const FakeLine::State& state = *watched.entry.state;
+    const SignalSafeLock lock(state.mutex);
+    if (watched.entry.dead()) {
+        return now;
+    }
+    if (watched.forWriting) {
+        return state.roomAt();
+    }
+    return state.input.empty() ? INT64_MAX : state.input.front().at;
+}
+
+// Waits until a descriptor is ready, or for `us`; true in the first case. No limit if `us` is negative.
+bool waitReady(const std::vector<Watched>& all, std::int64_t us, std::int64_t* rest) {
     const std::int64_t start = VirtualClock::now();
     const std::int64_t end = us < 0 ? INT64_MAX : start + us;
     for (;;) {
         const std::int64_t now = VirtualClock::now();
-        std::int64_t next = end;
-        for (const auto& line : lines) {
-            const SignalSafeLock lock(line.second.state->mutex);
-            if (line.second.dead() || line.second.state->arrived(now) > 0) {
-                *rest = end > now ? end - now : 0;
-                return true;
-            }
-            const auto& input = line.second.state->input;
-            if (!input.empty() && input.front().at < next) {
-                next = input.front().at;
-            }
+        std::int64_t next = INT64_MAX;
+        for (const Watched& watched : all) {
+            const std::int64_t at = readyAt(watched, now);
+            next = at < next ? at : next;
+        }
+        if (next <= now) {
+            *rest = end > now ? end - now : 0;
+            return true;
         }
         if (now >= end) {
             *rest = 0;
             return false;
         }
+        next = next < end ? next : end;
         if (next == INT64_MAX && !VirtualClock::hasEvents()) {
             ADD_FAILURE() << "a select without limit and with nothing to come never returns";
             *rest = 0;
             return false;
         }
         VirtualClock::step(next);
+    }
+}
+
+// The fake descriptors of a set; true in `others` if there are real ones too.
+void collect(int count, fd_set* set, bool forWriting, std::vector<Watched>& all, bool& others) {
+    for (int fd = 0; set != nullptr && fd < count && fd < FD_SETSIZE; ++fd) {
+        Descriptor entry;
+        if (!FD_ISSET(fd, set)) {
+            continue;
+        }
+        if (find(fd, entry)) {
+            all.push_back({fd, entry, forWriting});
+        } else {
+            others = true;
+        }
     }
 }
 
@@ -454,6 +506,23 @@ void FakeLine::State::dropArrived(std::int64_t now) {
     }
 }
 
+std::size_t FakeLine::State::outputRoom(std::int64_t now) const {
+    if (outputLimit == 0) {
+        return SIZE_MAX;
+    }
+    const std::int64_t baud = baudOf(settings);
+    const std::int64_t rest = sentUntil > now ? sentUntil - now : 0;
+    const std::size_t pending =
+        static_cast<std::size_t>((rest * baud + BITS_PER_BYTE * US_PER_S - 1) / (BITS_PER_BYTE * US_PER_S));
+    return pending < outputLimit ? outputLimit - pending : 0;
+}
+
+std::int64_t FakeLine::State::roomAt() const {
+    // The kernel wakes a writer when fewer than 256 bytes are left to send.
+    const std::size_t low = outputLimit == 0 || outputLimit > 256 ? 255 : outputLimit - 1;
+    return outputLimit == 0 ? 0 : sentUntil - timeOnLine(static_cast<std::int64_t>(low), baudOf(settings));
+}
+
 int FakeLine::State::enter(LineCall call, unsigned long request) {
     ++calls[static_cast<std::size_t>(call)];
     ++totalCalls;
@@ -495,6 +564,7 @@ using namespace support;
 extern "C" {
 
 int __wrap_open(const char* path, int flags, ...) {
+    const UncountedAllocations uncounted;
     va_list args;
     va_start(args, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
@@ -511,6 +581,7 @@ int __wrap_open(const char* path, int flags, ...) {
 }
 
 int __wrap_open64(const char* path, int flags, ...) {
+    const UncountedAllocations uncounted;
     va_list args;
     va_start(args, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
@@ -519,21 +590,25 @@ int __wrap_open64(const char* path, int flags, ...) {
 }
 
 int __wrap_close(int fd) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     return find(fd, entry) ? closeLine(fd, entry) : __real_close(fd);
 }
 
 ssize_t __wrap_read(int fd, void* buffer, size_t length) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     return find(fd, entry) ? readLine(entry, buffer, length) : __real_read(fd, buffer, length);
 }
 
 ssize_t __wrap_write(int fd, const void* buffer, size_t length) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     return find(fd, entry) ? writeLine(entry, buffer, length) : __real_write(fd, buffer, length);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
+    const UncountedAllocations uncounted;
     va_list args;
     va_start(args, request);
     void* const argument = va_arg(args, void*);
@@ -543,6 +618,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 }
 
 int __wrap_fcntl(int fd, int command, ...) {
+    const UncountedAllocations uncounted;
     va_list args;
     va_start(args, command);
     const long argument = va_arg(args, long);
@@ -552,6 +628,7 @@ int __wrap_fcntl(int fd, int command, ...) {
 }
 
 int __wrap_fcntl64(int fd, int command, ...) {
+    const UncountedAllocations uncounted;
     va_list args;
     va_start(args, command);
     const long argument = va_arg(args, long);
@@ -560,6 +637,7 @@ int __wrap_fcntl64(int fd, int command, ...) {
 }
 
 int __wrap_tcgetattr(int fd, struct termios* settings) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     if (!find(fd, entry)) {
         return __real_tcgetattr(fd, settings);
@@ -576,6 +654,7 @@ int __wrap_tcgetattr(int fd, struct termios* settings) {
 }
 
 int __wrap_tcsetattr(int fd, int when, const struct termios* settings) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     if (!find(fd, entry)) {
         return __real_tcsetattr(fd, when, settings);
@@ -592,6 +671,7 @@ int __wrap_tcsetattr(int fd, int when, const struct termios* settings) {
 }
 
 int __wrap_tcflush(int fd, int queue) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     if (!find(fd, entry)) {
         return __real_tcflush(fd, queue);
@@ -617,6 +697,7 @@ int __wrap_tcflush(int fd, int queue) {
 }
 
 int __wrap_tcdrain(int fd) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     if (!find(fd, entry)) {
         return __real_tcdrain(fd);
@@ -640,6 +721,7 @@ int __wrap_tcdrain(int fd) {
 }
 
 int __wrap_tcsendbreak(int fd, int duration) {
+    const UncountedAllocations uncounted;
     Descriptor entry;
     if (!find(fd, entry)) {
         return __real_tcsendbreak(fd, duration);
@@ -660,22 +742,16 @@ int __wrap_tcsendbreak(int fd, int duration) {
 }
 
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, struct timeval* timeout) {
+    const UncountedAllocations uncounted;
     if (VirtualClock::isReal()) {
         return __real_select(count, read, write, except, timeout);
     }
     const std::int64_t us = timeout == nullptr ? -1 : timeout->tv_sec * US_PER_S + timeout->tv_usec;
-    std::vector<std::pair<int, Descriptor>> lines;
-    bool others = write != nullptr || except != nullptr;
-    for (int fd = 0; read != nullptr && fd < count && fd < FD_SETSIZE; ++fd) {
-        Descriptor entry;
-        if (FD_ISSET(fd, read)) {
-            if (find(fd, entry)) {
-                lines.emplace_back(fd, entry);
-            } else {
-                others = true;
-            }
-        }
-    }
+    std::vector<Watched> lines;
+    bool others = false;
+    collect(count, read, false, lines, others);
+    collect(count, write, true, lines, others);
+    others = others || except != nullptr;
     if (lines.empty() && others) {
         // Real descriptors: what is there now, or else the virtual time passes.
         struct timeval none = {0, 0};
@@ -690,7 +766,7 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, struct
             static thread_local StatePtr last;
             lastSelected = &last;
         }
-        *lastSelected = lines.front().second.state;
+        *lastSelected = lines.front().entry.state;
     }
     if (lastSelected != nullptr && *lastSelected) {
         const StatePtr state = *lastSelected;
@@ -700,26 +776,23 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, struct
     }
     std::int64_t rest = 0;
     VirtualClock::note("select", us);
-    const bool readable = waitReadable(lines, us, &rest);
+    waitReady(lines, us, &rest);
     VirtualClock::giveWay();
     if (timeout != nullptr) {
         // As Linux does.
         timeout->tv_sec = static_cast<time_t>(rest / US_PER_S);
         timeout->tv_usec = static_cast<suseconds_t>(rest % US_PER_S);
     }
-    if (!readable) {
-        if (read != nullptr) {
-            FD_ZERO(read);
+    for (fd_set* const set : {read, write}) {
+        if (set != nullptr) {
+            FD_ZERO(set);
         }
-        return 0;
     }
     const std::int64_t now = VirtualClock::now();
-    FD_ZERO(read);
     int ready = 0;
-    for (const auto& line : lines) {
-        const SignalSafeLock lock(line.second.state->mutex);
-        if (line.second.dead() || line.second.state->arrived(now) > 0) {
-            FD_SET(line.first, read);
+    for (const Watched& watched : lines) {
+        if (readyAt(watched, now) <= now) {
+            FD_SET(watched.fd, watched.forWriting ? write : read);
             ++ready;
         }
     }

@@ -23,6 +23,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/Allocations.h"
 #include "support/Guarded.h"
 
 namespace support {
@@ -99,6 +100,7 @@ class ReplacedCall {
     R operator()(Args... args) {
         Function function;
         {
+            const UncountedAllocations uncounted;
             const SignalSafeLock lock(mutex_);
             calls_.emplace_back(Kept<Args>::of(args)...);
             if (failAt_ == calls_.size()) {

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <map>
 
+#include "support/Allocations.h"
 #include "support/Guarded.h"
 #include "support/Transcript.h"
 
@@ -87,6 +88,7 @@ void VirtualClock::advanceTo(std::int64_t instant) {
 }
 
 void VirtualClock::step(std::int64_t limit) {
+    const UncountedAllocations uncounted;
     std::function<void()> due;
     {
         Clock& c = clock();
@@ -169,7 +171,21 @@ void VirtualClock::onWait(std::function<void(const Wait&)> observer) {
     clock().observer = std::move(observer);
 }
 
+void VirtualClock::reset() {
+    useRealTime(false);
+    setRealPause(0);
+    setLimit(INT64_MAX);
+    clearWaits();
+    Clock& c = clock();
+    const SignalSafeLock lock(c.mutex);
+    c.now = 0;
+    c.wallOffset = START_OF_WALL * SECOND;
+    c.events.clear();
+    c.observer = nullptr;
+}
+
 void VirtualClock::note(const char* call, std::int64_t us) {
+    const UncountedAllocations uncounted;
     std::function<void(const Wait&)> observer;
     Wait wait{call, 0, us};
     {

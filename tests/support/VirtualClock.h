@@ -65,6 +65,9 @@ class VirtualClock {
     /// Called at the beginning of each wait (before the clock moves), on the waiting thread, with no lock held.
     static void onWait(std::function<void(const Wait&)> observer);
 
+    /// As at the start of a test.
+    static void reset();
+
     /// For the replaced calls: notes a wait without moving the clock.
     static void note(const char* call, std::int64_t us);
     /// For the replaced calls: notes a wait and moves the clock by it.

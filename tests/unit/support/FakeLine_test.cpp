@@ -315,3 +315,38 @@ TEST(FakeLine, TranscriptTellsWhatHappened) {
               "[   0.256626] ttyX1   close\n");
     EXPECT_FALSE(Transcript::matchesGolden("no_such_golden_file"));
 }
+
+TEST(FakeLine, OutputBufferFillsAndEmpties) {
+    FakeLine line("/dev/ttyX1");
+    line.setOutputBuffer(4);
+    const int fd = openPort();
+    const Bytes bytes{1, 2, 3, 4, 5, 6};
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    EXPECT_EQ(write(fd, bytes.data(), 6), 4);
+    EXPECT_EQ(write(fd, bytes.data() + 4, 2), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    EXPECT_EQ(select(fd + 1, nullptr, &set, nullptr, nullptr), 1);
+    EXPECT_TRUE(FD_ISSET(fd, &set));
+    EXPECT_EQ(VirtualClock::now(), 1042);
+    EXPECT_EQ(write(fd, bytes.data() + 4, 2), 1);
+    // A write that waits takes all.
+    fcntl(fd, F_SETFL, 0);
+    EXPECT_EQ(write(fd, bytes.data(), 6), 6);
+    EXPECT_GE(VirtualClock::now(), 7 * 1041);
+    EXPECT_EQ(line.sent(), (Bytes{1, 2, 3, 4, 5, 1, 2, 3, 4, 5, 6}));
+}
+
+TEST(FakeLine, SelectOnRealDescriptorsTakesVirtualTime) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(waitFor(ends[0], 10000), 0);
+    EXPECT_EQ(VirtualClock::now(), 10000);
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    EXPECT_EQ(waitFor(ends[0], 10000), 1);
+    EXPECT_EQ(VirtualClock::now(), 10000);
+    close(ends[0]);
+    close(ends[1]);
+}
