@@ -257,6 +257,11 @@ void FakeLine::failAny(int error, std::size_t n) {
     state_->faults.push_back({true, LineCall::Open, 0, error, n, 1});
 }
 
+bool FakeLine::hasFaultsLeft() const {
+    const SignalSafeLock lock(state_->mutex);
+    return !state_->faults.empty();
+}
+
 void FakeLine::clearFaults() {
     const SignalSafeLock lock(state_->mutex);
     state_->faults.clear();

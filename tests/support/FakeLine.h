@@ -145,7 +145,8 @@ class FakeLine {
     void failIoctl(unsigned long request, int error, std::size_t n = 1, std::size_t times = 1);
     /// The n-th call of any kind from now on fails.
     void failAny(int error, std::size_t n);
-    /// Faults that have not happened yet are forgotten.
+    /// Faults that have not happened yet, and their end.
+    bool hasFaultsLeft() const;
     void clearFaults();
     /// Runs before each such call takes effect: the place for what must fall between two calls.
     void before(LineCall call, std::function<void()> action);

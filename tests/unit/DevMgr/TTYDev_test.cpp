@@ -1,0 +1,830 @@
+#include "DevMgr/TTYDev.h"
+
+#include <asm/ioctls.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/select.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "support/Allocations.h"
+#include "support/FakeLine.h"
+#include "support/LogCapture.h"
+#include "support/VirtualClock.h"
+
+using support::AllocationCount;
+using support::Bytes;
+using support::failAllocation;
+using support::FakeLine;
+using support::LineCall;
+using support::LogCapture;
+using support::VirtualClock;
+
+namespace {
+
+constexpr char DEVICE[] = "/dev/ttyX1";
+
+/// A port on a line where the peer's bytes are there at once; freed at the end unless the test has ended it.
+class TTYDev : public testing::Test {
+  protected:
+    ~TTYDev() override {
+        if (port != nullptr) {
+            ttyd_discard(port);
+        }
+    }
+    void openPort() {
+        ttyd_set_device(port, DEVICE);
+        ASSERT_EQ(ttyd_open(port, false), TTYD_ERR_NOERROR);
+    }
+    int32 read(uint32 wanted, uint32 timeout) {
+        got.assign(wanted, 0);
+        uint32 count = 4711;
+        const int32 ret = ttyd_read_timeout(port, got.data(), wanted, &count, timeout);
+        got.resize(count <= wanted ? count : 0);
+        counted = count;
+        return ret;
+    }
+    int32 write(const Bytes& bytes) {
+        written = 4711;
+        return ttyd_write(port, bytes.data(), static_cast<uint32>(bytes.size()), &written);
+    }
+
+    LogCapture log;
+    FakeLine line{DEVICE, 0};
+    ttyd_port_t* port = ttyd_init();
+    Bytes got;
+    uint32 counted = 0;
+    uint32 written = 0;
+};
+
+struct Named {
+    uint32 value;
+    const char* text;
+};
+
+void expectNames(const char* (*name)(uint32), std::initializer_list<Named> rows) {
+    uint32 count = 0;
+    for (const Named& row : rows) {
+        EXPECT_STREQ(name(row.value), row.text);
+        EXPECT_EQ(row.value, count++);
+    }
+    EXPECT_EQ(name(count), nullptr);
+    EXPECT_EQ(name(0xFFFFFFFF), nullptr);
+}
+
+struct NamedError {
+    int32 code;
+    const char* text;
+};
+
+}  // namespace
+
+// ---- names
+
+TEST_F(TTYDev, EveryValueHasItsName) {
+    expectNames(ttyd_strbaud, {{TTYD_BAUD_1200, "1200"},
+                               {TTYD_BAUD_2400, "2400"},
+                               {TTYD_BAUD_4800, "4800"},
+                               {TTYD_BAUD_9600, "9600"},
+                               {TTYD_BAUD_19200, "19200"},
+                               {TTYD_BAUD_38400, "38400"},
+                               {TTYD_BAUD_57600, "57600"},
+                               {TTYD_BAUD_115200, "115200"}});
+    expectNames(ttyd_strdata, {{TTYD_DATA_5, "5"}, {TTYD_DATA_6, "6"}, {TTYD_DATA_7, "7"}, {TTYD_DATA_8, "8"}});
+    expectNames(ttyd_strparity, {{TTYD_PARITY_NONE, "none"}, {TTYD_PARITY_ODD, "odd"}, {TTYD_PARITY_EVEN, "even"}});
+    expectNames(ttyd_strstop, {{TTYD_STOP_1, "1"}, {TTYD_STOP_2, "2"}});
+    expectNames(ttyd_strflow, {{TTYD_FLOW_OFF, "off"}, {TTYD_FLOW_HW, "hardware"}, {TTYD_FLOW_XON_XOFF, "xon/xoff"}});
+    EXPECT_EQ(sizeof(ttyd_baud_e), 4u);
+    EXPECT_EQ(sizeof(ttyd_err_e), 4u);
+}
+
+TEST_F(TTYDev, EveryErrorHasItsText) {
+    const NamedError rows[] = {{TTYD_ERR_NOERROR, "no error"},    {TTYD_ERR_UNKNOWN, "unknown error"},
+                               {TTYD_ERR_OPEN, "open error"},     {TTYD_ERR_CLOSE, "close error"},
+                               {TTYD_ERR_FLUSH, "flush error"},   {TTYD_ERR_CONFIG, "get/set settings error"},
+                               {TTYD_ERR_READ, "read error"},     {TTYD_ERR_WRITE, "write error"},
+                               {TTYD_ERR_SELECT, "select error"}, {TTYD_ERR_TIMEOUT, "timeout error"},
+                               {TTYD_ERR_IOCTL, "ioctl error"},   {TTYD_ERR_PORT_CLOSED, "port closed error"},
+                               {TTYD_ERR_BREAK, "break error"}};
+    int32 code = 0;
+    for (const NamedError& row : rows) {
+        EXPECT_EQ(row.code, code--);
+        EXPECT_STREQ(ttyd_strerror(row.code), row.text);
+    }
+    for (const int32 outside : {1, -13, -14, INT32_MAX, INT32_MIN}) {
+        log.clear();
+        EXPECT_EQ(ttyd_strerror(outside), nullptr);
+        EXPECT_EQ(log.messages(), "error=" + std::to_string(outside) + "\n");
+        EXPECT_EQ(log.errors(), 1u);
+    }
+}
+
+// ---- life
+
+TEST_F(TTYDev, NewPortIsClosedAndHasItsDefaults) {
+    EXPECT_STREQ(port->dev, "/dev/null");
+    EXPECT_EQ(port->baud, TTYD_BAUD_9600);
+    EXPECT_EQ(port->data, TTYD_DATA_8);
+    EXPECT_EQ(port->stop, TTYD_STOP_1);
+    EXPECT_EQ(port->flow, TTYD_FLOW_OFF);
+    EXPECT_EQ(port->parity, TTYD_PARITY_NONE);
+    EXPECT_TRUE(port->wDBG);
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_CLOSED);
+    EXPECT_EQ(ttyd_fd(port), -1);
+}
+
+TEST_F(TTYDev, NoPortWithoutMemory) {
+    for (std::size_t n = 1; n <= 2; ++n) {
+        failAllocation(n);
+        EXPECT_EQ(ttyd_init(), nullptr);
+    }
+}
+
+TEST_F(TTYDev, DeviceNameIsCutAtThirtyCharacters) {
+    ttyd_set_device(port, "/dev/tty456789012345678901234567890");
+    EXPECT_STREQ(port->dev, "/dev/tty4567890123456789012345");
+    EXPECT_EQ(std::strlen(port->dev), 30u);
+    ttyd_set_device(port, "/dev/ttyA");
+    EXPECT_STREQ(port->dev, "/dev/ttyA");
+}
+
+TEST_F(TTYDev, OpenUsesTheFlagsAndSettingsOfThePort) {
+    openPort();
+    // Found waiting: emptied.
+    EXPECT_EQ(line.flushes(), 1u);
+    EXPECT_EQ(line.openFlags(), O_RDWR | O_EXCL | O_NOCTTY | O_SYNC);
+    EXPECT_NE(line.statusFlags() & O_NONBLOCK, 0);
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_OPEN);
+    EXPECT_EQ(ttyd_fd(port), line.descriptor());
+    EXPECT_FALSE(port->wDBG);
+    const struct termios settings = line.settings();
+    EXPECT_EQ(cfgetispeed(&settings), static_cast<speed_t>(B9600));
+    EXPECT_EQ(cfgetospeed(&settings), static_cast<speed_t>(B9600));
+    EXPECT_EQ(settings.c_cflag & CSIZE, static_cast<tcflag_t>(CS8));
+    EXPECT_EQ(settings.c_cflag & (PARENB | CSTOPB | CRTSCTS), 0u);
+    EXPECT_EQ(settings.c_iflag & (IXON | IXOFF | IXANY), 0u);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, OpenEmptiesTheQueues) {
+    line.put({1, 2, 3});
+    openPort();
+    EXPECT_EQ(line.waiting(), 0u);
+}
+
+TEST_F(TTYDev, MissingDeviceIsTold) {
+    ttyd_set_device(port, "/dev/ttyNoSuchPort");
+    EXPECT_EQ(ttyd_open(port, true), TTYD_ERR_OPEN);
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_CLOSED);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyNoSuchPort open() 2 No such file or directory\n");
+    EXPECT_EQ(log.entries()[0].level, "Err");
+    EXPECT_EQ(log.entries()[0].file, "TTYDev.cpp");
+    EXPECT_EQ(log.entries()[0].function, "ttyd_open");
+}
+
+TEST_F(TTYDev, OpenThatCannotEmptyTheQueuesFails) {
+    ttyd_set_device(port, DEVICE);
+    line.fail(LineCall::Tcflush, EIO);
+    EXPECT_EQ(ttyd_open(port, true), TTYD_ERR_CONFIG);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 tcflush() 5 Input/output error\n");
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_CLOSED);
+    EXPECT_TRUE(line.isOpen());
+}
+
+TEST_F(TTYDev, OpenStopsAtTheFirstSettingThatFails) {
+    ttyd_set_device(port, DEVICE);
+    for (std::size_t n = 1; n <= 5; ++n) {
+        log.clear();
+        const std::size_t before = line.calls(LineCall::Tcsetattr);
+        line.fail(LineCall::Tcsetattr, EINVAL, n);
+        EXPECT_EQ(ttyd_open(port, true), TTYD_ERR_CONFIG);
+        EXPECT_EQ(line.calls(LineCall::Tcsetattr) - before, n);
+        EXPECT_EQ(log.messages(), "tcsetattr() 22 Invalid argument\n");
+        EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_CLOSED);
+        // It stays open until the next try or the end of the port; tries don't pile up.
+        EXPECT_EQ(line.openCount(), 1u);
+    }
+    ttyd_discard(port);
+    port = nullptr;
+    EXPECT_FALSE(line.isOpen());
+}
+
+TEST_F(TTYDev, DescriptorThatASetCannotHoldIsRefused) {
+    ttyd_set_device(port, DEVICE);
+    line.openAbove(FD_SETSIZE);
+    EXPECT_EQ(ttyd_open(port, true), TTYD_ERR_OPEN);
+    EXPECT_FALSE(line.isOpen());
+    EXPECT_EQ(log.errors(), 1u);
+    EXPECT_TRUE(log.contains("dev:/dev/ttyX1 open() descrittore 1024"));
+    line.openAbove(FD_SETSIZE - 1);
+    EXPECT_EQ(ttyd_open(port, true), TTYD_ERR_NOERROR);
+    EXPECT_EQ(ttyd_fd(port), FD_SETSIZE - 1);
+    line.put({1});
+    EXPECT_EQ(read(2, 20), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(got, Bytes{1});
+}
+
+TEST_F(TTYDev, CloseAloneKeepsThePort) {
+    openPort();
+    EXPECT_EQ(ttyd_close(port), TTYD_ERR_NOERROR);
+    EXPECT_FALSE(line.isOpen());
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_CLOSED);
+    EXPECT_EQ(ttyd_close(port), TTYD_ERR_PORT_CLOSED);
+    EXPECT_EQ(ttyd_open(port, true), TTYD_ERR_NOERROR);
+    EXPECT_TRUE(line.isOpen());
+}
+
+TEST_F(TTYDev, FailingCloseIsToldAndLeavesTheStatus) {
+    openPort();
+    line.fail(LineCall::Close, EIO);
+    EXPECT_EQ(ttyd_close(port), TTYD_ERR_CLOSE);
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_OPEN);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 close() 5 Input/output error\n");
+}
+
+TEST_F(TTYDev, EndPutsTheFoundSettingsBackAndCloses) {
+    openPort();
+    const struct termios found = line.settings();
+    EXPECT_EQ(ttyd_termios(port), TTYD_ERR_NOERROR);
+    line.put({1, 2});
+    ttyd_end(port);
+    port = nullptr;
+    EXPECT_FALSE(line.isOpen());
+    EXPECT_EQ(line.waiting(), 0u);
+    const struct termios left = line.settings();
+    EXPECT_EQ(left.c_iflag, found.c_iflag);
+    EXPECT_EQ(left.c_oflag, found.c_oflag);
+    EXPECT_EQ(left.c_cflag, found.c_cflag);
+    EXPECT_EQ(left.c_lflag, found.c_lflag);
+    EXPECT_EQ(std::memcmp(left.c_cc, found.c_cc, sizeof(left.c_cc)), 0);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, EndOfAPortThatIsNotOpenDoesNothing) {
+    ttyd_end(port);
+    EXPECT_STREQ(port->dev, "/dev/null");
+    EXPECT_EQ(line.totalCalls(), 0u);
+}
+
+TEST_F(TTYDev, EndDoesNotPutBackWhatItNeverRead) {
+    openPort();
+    line.fail(LineCall::Tcgetattr, EIO, 2);
+    EXPECT_EQ(ttyd_termios(port), TTYD_ERR_CONFIG);
+    const std::size_t before = line.calls(LineCall::Tcsetattr);
+    ttyd_end(port);
+    port = nullptr;
+    EXPECT_EQ(line.calls(LineCall::Tcsetattr), before);
+    EXPECT_FALSE(line.isOpen());
+}
+
+TEST_F(TTYDev, EndThatCannotPutTheSettingsBackLeavesThePortOpen) {
+    openPort();
+    ttyd_termios(port);
+    line.fail(LineCall::Tcsetattr, EPERM);
+    ttyd_end(port);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 tcsetattr() 1 Operation not permitted\n");
+    EXPECT_EQ(log.entries()[0].function, "ttyd_end");
+    EXPECT_TRUE(line.isOpen());
+    EXPECT_EQ(ttyd_port_open(port), TTYD_PORT_OPEN);
+    ttyd_end(port);
+    port = nullptr;
+    EXPECT_FALSE(line.isOpen());
+}
+
+TEST_F(TTYDev, EndOfAPortWhoseDeviceIsGoneClosesAllTheSame) {
+    for (const int error : {EIO, ENXIO, ENODEV, EBADF}) {
+        ttyd_port_t* const other = ttyd_init();
+        ttyd_set_device(other, DEVICE);
+        ASSERT_EQ(ttyd_open(other, true), TTYD_ERR_NOERROR);
+        ttyd_termios(other);
+        log.clear();
+        line.fail(LineCall::Tcsetattr, error);
+        ttyd_end(other);
+        EXPECT_EQ(log.messages(),
+                  "dev:/dev/ttyX1 tcsetattr() " + std::to_string(error) + " " + std::strerror(error) + "\n");
+        EXPECT_FALSE(line.isOpen());
+    }
+}
+
+TEST_F(TTYDev, EndAfterAHangUp) {
+    openPort();
+    ttyd_termios(port);
+    line.hangUp();
+    ttyd_end(port);
+    port = nullptr;
+    EXPECT_FALSE(line.isOpen());
+}
+
+TEST_F(TTYDev, EndWithAFailingCloseEndsAndClosesNobodyElsesDescriptor) {
+    openPort();
+    const int fd = ttyd_fd(port);
+    line.fail(LineCall::Close, EIO);
+    FakeLine other("/dev/ttyX2");
+    int otherFd = -1;
+    // Another thread gets the number that was just released.
+    line.before(LineCall::Close, [&] { VirtualClock::advance(1); });
+    ttyd_close(port);
+    otherFd = open("/dev/ttyX2", O_RDWR);
+    EXPECT_EQ(otherFd, fd);
+    ttyd_end(port);
+    port = nullptr;
+    EXPECT_TRUE(other.isOpen());
+    close(otherFd);
+    EXPECT_EQ(log.messages(),
+              "dev:/dev/ttyX1 close() 5 Input/output error\n"
+              "dev:/dev/ttyX1 close() 9 Bad file descriptor\n");
+}
+
+// ---- settings
+
+TEST_F(TTYDev, BaudRates) {
+    openPort();
+    const struct {
+        ttyd_baud_e value;
+        speed_t speed;
+    } rows[] = {{TTYD_BAUD_1200, B1200},   {TTYD_BAUD_2400, B2400},    {TTYD_BAUD_4800, B4800},
+                {TTYD_BAUD_9600, B9600},   {TTYD_BAUD_19200, B19200},  {TTYD_BAUD_38400, B38400},
+                {TTYD_BAUD_57600, B57600}, {TTYD_BAUD_115200, B115200}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(ttyd_set_baud(port, row.value), TTYD_ERR_NOERROR);
+        const struct termios settings = line.settings();
+        EXPECT_EQ(cfgetispeed(&settings), row.speed);
+        EXPECT_EQ(cfgetospeed(&settings), row.speed);
+        EXPECT_EQ(port->baud, row.value);
+    }
+}
+
+TEST_F(TTYDev, DataBits) {
+    openPort();
+    const tcflag_t sizes[] = {CS5, CS6, CS7, CS8};
+    for (uint32 i = 0; i < 4; ++i) {
+        EXPECT_EQ(ttyd_set_data(port, static_cast<ttyd_data_e>(i)), TTYD_ERR_NOERROR);
+        EXPECT_EQ(line.settings().c_cflag & CSIZE, sizes[i]);
+        EXPECT_EQ(port->data, i);
+    }
+}
+
+TEST_F(TTYDev, Parity) {
+    openPort();
+    EXPECT_EQ(ttyd_set_parity(port, TTYD_PARITY_ODD), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.settings().c_cflag & (PARENB | PARODD), static_cast<tcflag_t>(PARENB | PARODD));
+    // None leaves the kind as found.
+    EXPECT_EQ(ttyd_set_parity(port, TTYD_PARITY_NONE), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.settings().c_cflag & (PARENB | PARODD), static_cast<tcflag_t>(PARODD));
+    EXPECT_EQ(ttyd_set_parity(port, TTYD_PARITY_EVEN), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.settings().c_cflag & (PARENB | PARODD), static_cast<tcflag_t>(PARENB));
+    EXPECT_EQ(port->parity, TTYD_PARITY_EVEN);
+}
+
+TEST_F(TTYDev, StopBits) {
+    openPort();
+    EXPECT_EQ(ttyd_set_stop(port, TTYD_STOP_2), TTYD_ERR_NOERROR);
+    EXPECT_NE(line.settings().c_cflag & CSTOPB, 0u);
+    EXPECT_EQ(port->stop, TTYD_STOP_2);
+    EXPECT_EQ(ttyd_set_stop(port, TTYD_STOP_1), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.settings().c_cflag & CSTOPB, 0u);
+}
+
+TEST_F(TTYDev, FlowControl) {
+    openPort();
+    constexpr tcflag_t xonxoff = IXON | IXOFF | IXANY;
+    EXPECT_EQ(ttyd_set_flow(port, TTYD_FLOW_HW), TTYD_ERR_NOERROR);
+    EXPECT_NE(line.settings().c_cflag & CRTSCTS, 0u);
+    EXPECT_EQ(line.settings().c_iflag & xonxoff, 0u);
+    EXPECT_EQ(ttyd_set_flow(port, TTYD_FLOW_XON_XOFF), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.settings().c_cflag & CRTSCTS, 0u);
+    EXPECT_EQ(line.settings().c_iflag & xonxoff, xonxoff);
+    EXPECT_EQ(port->flow, TTYD_FLOW_XON_XOFF);
+    EXPECT_EQ(ttyd_set_flow(port, TTYD_FLOW_OFF), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.settings().c_cflag & CRTSCTS, 0u);
+    EXPECT_EQ(line.settings().c_iflag & xonxoff, 0u);
+}
+
+TEST_F(TTYDev, ValuesOutOfRangeChangeNothing) {
+    openPort();
+    const std::size_t before = line.totalCalls();
+    EXPECT_EQ(ttyd_set_baud(port, TTYD_BAUD_MAX), TTYD_ERR_UNKNOWN);
+    EXPECT_EQ(ttyd_set_data(port, TTYD_DATA_MAX), TTYD_ERR_UNKNOWN);
+    EXPECT_EQ(ttyd_set_parity(port, TTYD_PARITY_MAX), TTYD_ERR_UNKNOWN);
+    EXPECT_EQ(ttyd_set_stop(port, TTYD_STOP_MAX), TTYD_ERR_UNKNOWN);
+    EXPECT_EQ(ttyd_set_flow(port, TTYD_FLOW_MAX), TTYD_ERR_UNKNOWN);
+    EXPECT_EQ(line.totalCalls(), before);
+    EXPECT_EQ(port->baud, TTYD_BAUD_9600);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, FailingSettingsAreToldAndNotStored) {
+    openPort();
+    const auto expectFailure = [&](const char* function, auto set) {
+        log.clear();
+        line.fail(LineCall::Tcgetattr, EIO);
+        EXPECT_EQ(set(), TTYD_ERR_CONFIG);
+        EXPECT_EQ(log.messages(), "tcgetattr() 5 Input/output error\n");
+        EXPECT_EQ(log.entries()[0].function, function);
+        log.clear();
+        line.fail(LineCall::Tcsetattr, EINVAL);
+        EXPECT_EQ(set(), TTYD_ERR_CONFIG);
+        EXPECT_EQ(log.messages(), "tcsetattr() 22 Invalid argument\n");
+        EXPECT_EQ(log.entries()[0].function, function);
+    };
+    expectFailure("ttyd_set_baud", [&] { return ttyd_set_baud(port, TTYD_BAUD_1200); });
+    expectFailure("ttyd_set_data", [&] { return ttyd_set_data(port, TTYD_DATA_5); });
+    expectFailure("ttyd_set_parity", [&] { return ttyd_set_parity(port, TTYD_PARITY_ODD); });
+    expectFailure("ttyd_set_stop", [&] { return ttyd_set_stop(port, TTYD_STOP_2); });
+    expectFailure("ttyd_set_flow", [&] { return ttyd_set_flow(port, TTYD_FLOW_HW); });
+    EXPECT_EQ(port->baud, TTYD_BAUD_9600);
+    EXPECT_EQ(port->data, TTYD_DATA_8);
+    EXPECT_EQ(port->parity, TTYD_PARITY_NONE);
+    EXPECT_EQ(port->stop, TTYD_STOP_1);
+    EXPECT_EQ(port->flow, TTYD_FLOW_OFF);
+}
+
+TEST_F(TTYDev, WorkingModeIsRawWithBreakAsSignal) {
+    struct termios found = line.settings();
+    found.c_iflag = INPCK | ISTRIP | ICRNL | IXON;
+    found.c_cflag &= ~static_cast<tcflag_t>(CREAD | CLOCAL);
+    found.c_lflag = ICANON | ECHO | ECHOE | ECHOK | IEXTEN;
+    found.c_cc[VMIN] = 9;
+    found.c_cc[VTIME] = 8;
+    line.setSettings(found);
+    openPort();
+    EXPECT_EQ(ttyd_termios(port), TTYD_ERR_NOERROR);
+    const struct termios settings = line.settings();
+    EXPECT_EQ(settings.c_iflag, static_cast<tcflag_t>(BRKINT | IGNPAR));
+    EXPECT_EQ(settings.c_oflag, 0u);
+    EXPECT_EQ(settings.c_cflag & (CLOCAL | CREAD), static_cast<tcflag_t>(CLOCAL | CREAD));
+    EXPECT_NE(settings.c_cflag & HUPCL, 0u);
+    EXPECT_EQ(settings.c_lflag, static_cast<tcflag_t>(ISIG | ECHOK | IEXTEN));
+    for (const int index : {VINTR, VQUIT, VSTART, VSTOP, VSUSP, VEOF, VEOL, VERASE, VKILL}) {
+        EXPECT_EQ(settings.c_cc[index], 0);
+    }
+    EXPECT_EQ(settings.c_cc[VMIN], 9);
+    EXPECT_EQ(settings.c_cc[VTIME], 8);
+    EXPECT_EQ(cfgetospeed(&settings), static_cast<speed_t>(B9600));
+}
+
+TEST_F(TTYDev, WorkingModeThatFailsIsTold) {
+    openPort();
+    for (const std::size_t n : {1u, 2u}) {
+        log.clear();
+        line.fail(LineCall::Tcgetattr, EIO, n);
+        EXPECT_EQ(ttyd_termios(port), TTYD_ERR_CONFIG);
+        EXPECT_EQ(log.messages(), "tcgetattr() 5 Input/output error\n");
+        EXPECT_EQ(log.entries()[0].function, "ttyd_termios");
+    }
+    log.clear();
+    line.fail(LineCall::Tcsetattr, EIO);
+    EXPECT_EQ(ttyd_termios(port), TTYD_ERR_CONFIG);
+    EXPECT_EQ(log.messages(), "tcsetattr() 5 Input/output error\n");
+}
+
+// ---- the closed port
+
+TEST_F(TTYDev, ClosedPortRefusesEverything) {
+    EXPECT_EQ(read(10, 100), TTYD_ERR_PORT_CLOSED);
+    EXPECT_EQ(counted, 0u);
+    EXPECT_EQ(write({1}), TTYD_ERR_PORT_CLOSED);
+    EXPECT_EQ(ttyd_sendbreak(port), TTYD_ERR_PORT_CLOSED);
+    EXPECT_EQ(ttyd_flush(port), TTYD_ERR_PORT_CLOSED);
+    EXPECT_EQ(ttyd_close(port), TTYD_ERR_PORT_CLOSED);
+    EXPECT_LT(ttyd_break_count(port), 0);
+    EXPECT_EQ(log.text(), "");
+    // This one asks the descriptor, and there is none.
+    EXPECT_LT(ttyd_write_complete(port), 0);
+}
+
+// ---- reading
+
+TEST_F(TTYDev, NothingWantedReturnsAtOnceWithoutAsking) {
+    openPort();
+    const std::size_t before = line.totalCalls();
+    EXPECT_EQ(read(0, 100), TTYD_ERR_NOERROR);
+    EXPECT_EQ(counted, 0u);
+    EXPECT_EQ(line.totalCalls(), before);
+    EXPECT_EQ(VirtualClock::now(), 0);
+}
+
+TEST_F(TTYDev, TakesNoMoreThanWanted) {
+    openPort();
+    line.put({1, 2, 3, 4, 5});
+    EXPECT_EQ(read(3, 100), TTYD_ERR_NOERROR);
+    EXPECT_EQ(got, (Bytes{1, 2, 3}));
+    EXPECT_EQ(line.waiting(), 2u);
+    EXPECT_EQ(VirtualClock::now(), 0);
+}
+
+TEST_F(TTYDev, NoDataAndNoTimeoutEndsAtTheFirstPass) {
+    openPort();
+    EXPECT_EQ(read(1, 0), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(line.calls(LineCall::Select), 1u);
+    EXPECT_EQ(VirtualClock::now(), 10000);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, DataWaitingComesWithoutTimeout) {
+    openPort();
+    line.put({7});
+    EXPECT_EQ(read(1, 0), TTYD_ERR_NOERROR);
+    EXPECT_EQ(got, Bytes{7});
+}
+
+TEST_F(TTYDev, SilenceEndsAfterTheTimeout) {
+    openPort();
+    EXPECT_EQ(read(1, 100), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(VirtualClock::now(), 100000);
+    EXPECT_EQ(read(1, 95), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(VirtualClock::now(), 200000);
+}
+
+// Each pause has its full length although the system counts the limit down.
+TEST_F(TTYDev, PausesAreAlwaysTenMilliseconds) {
+    openPort();
+    EXPECT_EQ(read(1, 30000), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(VirtualClock::now(), 30000000);
+    EXPECT_EQ(VirtualClock::countWaits("select"), 3000u);
+    EXPECT_EQ(VirtualClock::sumWaits("select"), 30000000);
+}
+
+TEST_F(TTYDev, TimeoutLimitsTheGapsNotTheWhole) {
+    openPort();
+    for (int i = 1; i <= 10; ++i) {
+        line.feedAt(i * 90000, {static_cast<uint8>(i)});
+    }
+    EXPECT_EQ(read(10, 100), TTYD_ERR_NOERROR);
+    EXPECT_EQ(got.size(), 10u);
+    EXPECT_EQ(got[9], 10);
+    EXPECT_GE(VirtualClock::now(), 900000);
+    EXPECT_LE(VirtualClock::now(), 910000);
+}
+
+TEST_F(TTYDev, PartThatCameBeforeTheTimeoutIsCounted) {
+    openPort();
+    line.feedAt(50000, {1, 2, 3});
+    EXPECT_EQ(read(10, 100), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(counted, 3u);
+    EXPECT_EQ(got, (Bytes{1, 2, 3}));
+    EXPECT_EQ(VirtualClock::now(), 150000);
+}
+
+TEST_F(TTYDev, WallClockChangesDoNotDisturbTheTimeout) {
+    openPort();
+    VirtualClock::at(30000, [] { VirtualClock::setWall(2000000000); });
+    VirtualClock::at(60000, [] { VirtualClock::setWall(1000000000); });
+    EXPECT_EQ(read(1, 100), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(VirtualClock::now(), 100000);
+}
+
+TEST_F(TTYDev, InterruptedWaitsAndReadsGoOn) {
+    openPort();
+    line.fail(LineCall::Select, EINTR, 1, 2);
+    line.fail(LineCall::Read, EINTR);
+    line.feedAt(20000, {1});
+    EXPECT_EQ(read(1, 100), TTYD_ERR_NOERROR);
+    EXPECT_EQ(got, Bytes{1});
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 read error -> errno: 4 strerror: Interrupted system call\n");
+}
+
+TEST_F(TTYDev, ReadFaultsEndTheRead) {
+    openPort();
+    line.put({1, 2});
+    line.failIoctl(FIONREAD, EIO, 2);
+    EXPECT_EQ(read(3, 100), TTYD_ERR_IOCTL);
+    EXPECT_EQ(counted, 2u);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 ioctl error -> errno: 5 strerror: Input/output error\n");
+    log.clear();
+    line.put({1, 2});
+    line.fail(LineCall::Read, EIO);
+    EXPECT_EQ(read(2, 100), TTYD_ERR_READ);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 read error -> errno: 5 strerror: Input/output error\n");
+    EXPECT_EQ(read(2, 100), TTYD_ERR_NOERROR);
+    log.clear();
+    line.fail(LineCall::Select, EBADF);
+    EXPECT_EQ(read(2, 100), TTYD_ERR_SELECT);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 select error - > errno:9 strerror: Bad file descriptor\n");
+}
+
+TEST_F(TTYDev, TimeoutComesBeforeAFailingWait) {
+    openPort();
+    line.fail(LineCall::Select, EBADF);
+    EXPECT_EQ(read(1, 0), TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, HangUpEndsTheReadAtOnce) {
+    openPort();
+    VirtualClock::at(25000, [&] { line.hangUp(); });
+    EXPECT_EQ(read(10, 60000), TTYD_ERR_IOCTL);
+    EXPECT_LE(VirtualClock::now(), 40000);
+    EXPECT_EQ(log.errors(), 1u);
+}
+
+TEST_F(TTYDev, FlushBetweenQuestionAndReadDoesNotBlock) {
+    openPort();
+    ttyd_termios(port);
+    line.put({1, 2, 3});
+    bool flushed = false;
+    line.before(LineCall::Read, [&] {
+        if (!flushed) {
+            flushed = true;
+            ttyd_flush(port);
+        }
+    });
+    line.feedAt(50000, {4});
+    EXPECT_EQ(read(1, 100), TTYD_ERR_NOERROR);
+    EXPECT_EQ(got, Bytes{4});
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, EverlastingFalseReadinessDoesNotSpin) {
+    openPort();
+    line.put({1});
+    line.fail(LineCall::Read, EAGAIN, 1, 1000000);
+    EXPECT_EQ(read(1, 1000), TTYD_ERR_TIMEOUT);
+    EXPECT_LE(line.calls(LineCall::Select), 102u);
+    EXPECT_EQ(VirtualClock::now(), 1000000);
+}
+
+TEST_F(TTYDev, ReadingAndWritingAllocateNothing) {
+    openPort();
+    line.put(Bytes(100, 0x55));
+    uint8 buffer[120];
+    uint32 count = 0;
+    const AllocationCount allocations;
+    const int32 first = ttyd_read_timeout(port, buffer, 120, &count, 100);
+    const int32 second = ttyd_write(port, buffer, 100, &count);
+    const int32 third = ttyd_write_complete(port);
+    EXPECT_EQ(allocations.count(), 0u);
+    EXPECT_EQ(first, TTYD_ERR_TIMEOUT);
+    EXPECT_EQ(second, TTYD_ERR_NOERROR);
+    EXPECT_EQ(third, TTYD_ERR_NOERROR);
+}
+
+// ---- writing
+
+TEST_F(TTYDev, WriteSendsAll) {
+    openPort();
+    EXPECT_EQ(write({1, 2, 3}), TTYD_ERR_NOERROR);
+    EXPECT_EQ(written, 3u);
+    EXPECT_EQ(line.sent(), (Bytes{1, 2, 3}));
+}
+
+TEST_F(TTYDev, NothingIsSentWhileInputIsWaiting) {
+    openPort();
+    line.put({9});
+    EXPECT_EQ(write({1, 2, 3}), TTYD_ERR_WRITE);
+    EXPECT_EQ(written, 4711u);
+    EXPECT_TRUE(line.sent().empty());
+    EXPECT_EQ(log.messages(),
+              "dev:/dev/ttyX1 Risposta preparata in ritardo, altri caratteri sono nel frattempo arrivati in "
+              "ingresso!!\n");
+    EXPECT_EQ(log.errors(), 1u);
+}
+
+TEST_F(TTYDev, WriteFaultsAreTold) {
+    openPort();
+    line.failIoctl(FIONREAD, EIO);
+    EXPECT_EQ(write({1}), TTYD_ERR_IOCTL);
+    EXPECT_EQ(written, 4711u);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 ioctl error -> errno: 5 strerror: Input/output error\n");
+    for (const int error : {EIO, EINTR}) {
+        log.clear();
+        line.fail(LineCall::Write, error);
+        EXPECT_EQ(write({1}), TTYD_ERR_WRITE);
+        EXPECT_EQ(written, 0u);
+        EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 errno: " + std::to_string(error) +
+                                      " strerror: " + std::strerror(error) + " TTYD_ERR_WRITE\n");
+    }
+    EXPECT_TRUE(line.sent().empty());
+}
+
+TEST_F(TTYDev, WriteWaitsForRoomAndIsNotCutShort) {
+    openPort();
+    line.setOutputBuffer(16);
+    Bytes bytes;
+    for (uint8 i = 0; i < 100; ++i) {
+        bytes.push_back(i);
+    }
+    EXPECT_EQ(write(bytes), TTYD_ERR_NOERROR);
+    EXPECT_EQ(written, 100u);
+    EXPECT_EQ(line.sent(), bytes);
+    // All but the last 16 bytes have left by then.
+    EXPECT_GE(VirtualClock::now(), 84 * 1041);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, WriteCutShortByAFaultTellsWhatWentOut) {
+    openPort();
+    line.setOutputBuffer(16);
+    line.fail(LineCall::Write, EIO, 3);
+    EXPECT_EQ(write(Bytes(100, 0xAA)), TTYD_ERR_NOERROR);
+    EXPECT_EQ(written, line.sent().size());
+    EXPECT_LT(written, 100u);
+    EXPECT_GE(written, 16u);
+}
+
+TEST_F(TTYDev, InterruptedWaitForRoomTellsWhatWentOut) {
+    openPort();
+    line.setOutputBuffer(16);
+    line.fail(LineCall::Select, EINTR);
+    EXPECT_EQ(write(Bytes(100, 0xAA)), TTYD_ERR_NOERROR);
+    EXPECT_EQ(written, 16u);
+}
+
+TEST_F(TTYDev, DrainTakesTheTimeOfTheBytes) {
+    openPort();
+    EXPECT_EQ(write(Bytes(96, 0)), TTYD_ERR_NOERROR);
+    EXPECT_EQ(ttyd_write_complete(port), 0);
+    EXPECT_EQ(VirtualClock::now(), 100000);
+}
+
+TEST_F(TTYDev, DrainGoesOnAfterASignalAndFailsOtherwise) {
+    openPort();
+    line.fail(LineCall::Tcdrain, EINTR, 1, 3);
+    EXPECT_EQ(ttyd_write_complete(port), 0);
+    EXPECT_EQ(line.calls(LineCall::Tcdrain), 4u);
+    line.fail(LineCall::Tcdrain, EIO);
+    EXPECT_EQ(ttyd_write_complete(port), -1);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 tcdrain() errno: 5 strerror: Input/output error\n");
+}
+
+// ---- the rest
+
+TEST_F(TTYDev, Break) {
+    openPort();
+    EXPECT_EQ(ttyd_sendbreak(port), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.breaksSent(), 1u);
+    line.fail(LineCall::Tcsendbreak, EIO);
+    EXPECT_EQ(ttyd_sendbreak(port), TTYD_ERR_BREAK);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 errno:5 break error\n");
+}
+
+TEST_F(TTYDev, BreakCounterOfTheDriver) {
+    openPort();
+    EXPECT_EQ(ttyd_break_count(port), 0);
+    line.setBreakCount(41);
+    line.receiveBreak();
+    EXPECT_EQ(ttyd_break_count(port), 42);
+    line.setHasBreakCounter(false);
+    EXPECT_LT(ttyd_break_count(port), 0);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, FlushEmptiesAndFailsSilently) {
+    openPort();
+    line.put({1, 2});
+    EXPECT_EQ(ttyd_flush(port), TTYD_ERR_NOERROR);
+    EXPECT_EQ(line.waiting(), 0u);
+    line.fail(LineCall::Tcflush, EIO);
+    EXPECT_EQ(ttyd_flush(port), TTYD_ERR_FLUSH);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(TTYDev, ControllingTerminal) {
+    openPort();
+    EXPECT_EQ(ttyd_SetCtrlTerm(port), 0);
+    EXPECT_TRUE(line.isControllingTerminal());
+    line.failIoctl(TIOCSCTTY, EPERM);
+    EXPECT_EQ(ttyd_SetCtrlTerm(port), -1);
+    EXPECT_EQ(log.messages(), "dev:/dev/ttyX1 TIOCSCTTY error (1): Operation not permitted\n");
+}
+
+TEST_F(TTYDev, IoctlPassesOn) {
+    openPort();
+    line.put({1, 2});
+    int waiting = 0;
+    EXPECT_EQ(ttyd_ioctl(port, FIONREAD, &waiting), 0);
+    EXPECT_EQ(waiting, 2);
+    line.failIoctl(FIONREAD, EIO);
+    EXPECT_EQ(ttyd_ioctl(port, FIONREAD, &waiting), -1);
+}
+
+// A whole life with each of its calls failing in turn: no leak, no hang, no descriptor left.
+TEST_F(TTYDev, SurvivesTheFailureOfAnyCall) {
+    std::size_t n = 0;
+    while (!line.hasFaultsLeft()) {
+        line.failAny(EIO, ++n);
+        ttyd_port_t* const one = ttyd_init();
+        ttyd_set_device(one, DEVICE);
+        line.put({1, 2, 3});
+        uint8 buffer[8];
+        uint32 count = 0;
+        if (ttyd_open(one, true) == TTYD_ERR_NOERROR) {
+            ttyd_termios(one);
+            line.put({1, 2, 3});
+            ttyd_read_timeout(one, buffer, 8, &count, 20);
+            ttyd_flush(one);
+            ttyd_write(one, buffer, 3, &count);
+            ttyd_write_complete(one);
+            ttyd_sendbreak(one);
+            ttyd_break_count(one);
+            ttyd_end(one);
+        } else {
+            ttyd_discard(one);
+        }
+        EXPECT_FALSE(line.isOpen()) << "call " << n;
+        ASSERT_LT(n, 1000u);
+    }
+    EXPECT_GT(n, 25u);
+}
