@@ -28,6 +28,14 @@ const Row* CABP_FindRow(const Row (&table)[N], const pckStruct& cmd) {
 
 // Frames (CABP.cpp).
 
+/// The words of head and tail stand high byte first.
+inline void CABP_Put16(uint8* where, uint16 value) {
+    where[0] = static_cast<uint8>(value >> 8);
+    where[1] = static_cast<uint8>(value);
+}
+inline uint16 CABP_Get16(const uint8* where) {
+    return static_cast<uint16>(where[0] << 8 | where[1]);
+}
 /// CRC over `n` bytes, stored high byte first.
 void CABP_SetCRC(uint8* where, const uint8* bytes, int n);
 /// CRC over `n` bytes.
