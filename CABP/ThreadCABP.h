@@ -169,6 +169,23 @@ class CABPMgr : public QueuesMgr, public ClockMgr {
     // mutexCABPChannel is held by the role itself, from a demotion to the next promotion. Under mutexState.
     bool channelHeldByRole;
     QMutex mutexDiag;  // leaf: the two texts
+
+  private:
+    // Steps of the roles.
+    void pushConfigurations();
+    bool drainAsyncQC();
+    void endFixRound();
+    void askFixQC();
+    void foldForcedOnBypass();
+    int countFailure(QCMgr* elem, int ret, uint8 fault);
+    void loseFirstBox();
+    void healErrorsOf(const pckStruct& reply);
+    void unlockRoleChannel();
+    void releaseRoleChannel();
+    // Commands that act on this card.
+    void takeCN(const pckStruct& query);
+    void resetEPO(const pckStruct& query);
+    void halt(const pckStruct& query);
 };
 
 /// Fills the 16 parameter bytes of an SI query for the SK board `dest`; all 0 where there is no such cabinet.
