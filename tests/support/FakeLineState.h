@@ -86,6 +86,8 @@ struct FakeLine::State {
 
 void registerLine(const std::shared_ptr<FakeLine::State>& state);
 void unregisterLine(const std::shared_ptr<FakeLine::State>& state);
+/// open() of `path` opens the real `target` from here on; an empty one ends that.
+void redirectPath(const std::string& path, const std::string& target);
 
 }  // namespace support
 

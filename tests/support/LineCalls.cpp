@@ -53,6 +53,7 @@ struct Registry {
     std::mutex mutex;
     std::map<std::string, StatePtr> byPath;
     std::map<int, Descriptor> byDescriptor;
+    std::map<std::string, std::string> redirected;
 };
 
 Registry& registry() {
@@ -557,6 +558,15 @@ void unregisterLine(const StatePtr& state) {
     }
 }
 
+void redirectPath(const std::string& path, const std::string& target) {
+    const SignalSafeLock lock(registry().mutex);
+    if (target.empty()) {
+        registry().redirected.erase(path);
+    } else {
+        registry().redirected[path] = target;
+    }
+}
+
 }  // namespace support
 
 using namespace support;
@@ -570,14 +580,22 @@ int __wrap_open(const char* path, int flags, ...) {
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
     va_end(args);
     StatePtr state;
+    std::string target;
     {
         const SignalSafeLock lock(registry().mutex);
         const auto found = registry().byPath.find(path == nullptr ? "" : path);
         if (found != registry().byPath.end()) {
             state = found->second;
         }
+        const auto other = registry().redirected.find(path == nullptr ? "" : path);
+        if (other != registry().redirected.end()) {
+            target = other->second;
+        }
     }
-    return state ? openLine(state, flags) : __real_open(path, flags, mode);
+    if (state) {
+        return openLine(state, flags);
+    }
+    return __real_open(target.empty() ? path : target.c_str(), flags, mode);
 }
 
 int __wrap_open64(const char* path, int flags, ...) {
@@ -755,7 +773,7 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, struct
     if (lines.empty() && others) {
         // Real descriptors: what is there now, or else the virtual time passes.
         struct timeval none = {0, 0};
-        const int ready = __real_select(count, read, write, except, &none);
+        const int ready = __real_select(count, read, write, except, us < 0 ? nullptr : &none);
         if (ready == 0 && us > 0) {
             VirtualClock::wait("select", us);
         }
