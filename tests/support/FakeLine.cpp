@@ -175,7 +175,7 @@ int FakeLine::openFlags() const {
 
 int FakeLine::statusFlags() const {
     const SignalSafeLock lock(state_->mutex);
-    return state_->statusFlags;
+    return state_->statusFlags ? state_->statusFlags->load() : 0;
 }
 
 std::size_t FakeLine::breaksSent() const {

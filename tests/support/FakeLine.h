@@ -110,6 +110,7 @@ class FakeLine {
     std::size_t openCount() const;
     /// The latest descriptor, open or not; -1 if it was never opened.
     int descriptor() const;
+    /// Flags of its open, and what fcntl made of them.
     int openFlags() const;
     int statusFlags() const;
     std::size_t breaksSent() const;

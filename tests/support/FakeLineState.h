@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_FAKELINESTATE_H
 
 #include <array>
+#include <atomic>
 #include <deque>
 
 #include "support/FakeLine.h"
@@ -72,7 +73,7 @@ struct FakeLine::State {
     int descriptor = -1;
     int lowestDescriptor = 0;
     int openFlags = 0;
-    int statusFlags = 0;
+    std::shared_ptr<std::atomic<int>> statusFlags;  ///< of the latest descriptor
     std::size_t writeLimit = 0;
     std::size_t outputLimit = 4096;
     std::size_t breaksSent = 0;

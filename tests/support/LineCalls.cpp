@@ -46,6 +46,8 @@ using StatePtr = std::shared_ptr<FakeLine::State>;
 struct Descriptor {
     StatePtr state;
     unsigned generation = 0;
+    std::shared_ptr<std::atomic<int>> flags;  ///< the file status flags
+    bool waits() const { return (*flags & O_NONBLOCK) == 0; }
     bool dead() const { return state->generation != generation; }
 };
 
@@ -165,13 +167,14 @@ int openLine(const StatePtr& state, int flags) {
     }
     Descriptor entry;
     entry.state = state;
+    entry.flags = std::make_shared<std::atomic<int>>(flags);
     {
         const SignalSafeLock lock(state->mutex);
         entry.generation = state->generation;
         ++state->openCount;
         state->descriptor = fd;
         state->openFlags = flags;
-        state->statusFlags = flags;
+        state->statusFlags = entry.flags;
     }
     {
         const SignalSafeLock lock(registry().mutex);
@@ -225,7 +228,7 @@ ssize_t readLine(const Descriptor& entry, void* buffer, size_t length) {
                 Transcript::addBytes(state->name, "<<", out, n);
                 return static_cast<ssize_t>(n);
             }
-            if ((state->statusFlags & O_NONBLOCK) != 0) {
+            if (!entry.waits()) {
                 return failed(EAGAIN);
             }
             if (!state->input.empty()) {
@@ -316,7 +319,7 @@ ssize_t writeLine(const Descriptor& entry, const void* buffer, size_t length) {
                 }
                 state->sentUntil += timeOnLine(static_cast<std::int64_t>(n), baudOf(state->settings));
             }
-            if (bytes.size() == length || limited || (state->statusFlags & O_NONBLOCK) != 0) {
+            if (bytes.size() == length || limited || !entry.waits()) {
                 if (bytes.empty() && length > 0) {
                     return failed(EAGAIN);
                 }
@@ -385,12 +388,11 @@ int fcntlLine(int fd, const Descriptor& entry, int command, long argument) {
     if (!enter(state, LineCall::Fcntl)) {
         return -1;
     }
-    const SignalSafeLock lock(state->mutex);
     switch (command) {
         case F_GETFL:
-            return state->statusFlags;
+            return *entry.flags;
         case F_SETFL:
-            state->statusFlags = (state->statusFlags & ~O_NONBLOCK) | (static_cast<int>(argument) & O_NONBLOCK);
+            *entry.flags = (*entry.flags & ~O_NONBLOCK) | (static_cast<int>(argument) & O_NONBLOCK);
             return 0;
         default:
             return __real_fcntl(fd, command, argument);

@@ -631,8 +631,11 @@ TEST_F(TTYDev, FlushBetweenQuestionAndReadDoesNotBlock) {
             ttyd_flush(port);
         }
     });
-    line.feedAt(50000, {4});
-    EXPECT_EQ(read(1, 100), TTYD_ERR_NOERROR);
+    line.feedAt(500000, {4});
+    EXPECT_EQ(read(1, 100), TTYD_ERR_TIMEOUT);
+    EXPECT_TRUE(flushed);
+    EXPECT_EQ(VirtualClock::now(), 100000);
+    EXPECT_EQ(read(1, 1000), TTYD_ERR_NOERROR);
     EXPECT_EQ(got, Bytes{4});
     EXPECT_EQ(log.text(), "");
 }
