@@ -5,6 +5,7 @@
 #include <linux/serial.h>
 
 #include <cerrno>
+#include <initializer_list>
 #include <string>
 
 #include "support/Allocations.h"
@@ -250,7 +251,7 @@ TEST_F(ComDev, EndGivesThePortBack) {
 }
 
 TEST_F(ComDev, EndOfNoChannelIsTold) {
-    for (const uint8 ch : {0, 3, 4, 100, 255}) {
+    for (const uint8 ch : std::initializer_list<uint8>{0, 3, 4, 100, 255}) {
         log.clear();
         EXPECT_EQ(ComDev_End(ch), -1);
         EXPECT_EQ(log.messages(), "Canale non inizializzato, ch:" + std::to_string(ch) + "\n");
@@ -272,7 +273,7 @@ TEST_F(ComDev, EndAfterAHangUpFreesTheChannelAndItCanBeOpenedAgain) {
 
 TEST_F(ComDev, ChannelsInNoUseAreRefused) {
     uint8 buffer[4] = {1, 2, 3, 4};
-    for (const uint8 ch : {4, 5, 255}) {
+    for (const uint8 ch : std::initializer_list<uint8>{4, 5, 255}) {
         log.clear();
         EXPECT_EQ(ComDev_Send(ch, buffer, 4), -1);
         EXPECT_EQ(ComDev_Rcv(ch, buffer, 4, 10), -1);
@@ -280,7 +281,7 @@ TEST_F(ComDev, ChannelsInNoUseAreRefused) {
         EXPECT_EQ(log.messages(), "Canale non valido!\nCanale non valido!\nCanale non valido!\n");
         EXPECT_EQ(log.errors(), 3u);
     }
-    for (const uint8 ch : {0, 3}) {
+    for (const uint8 ch : std::initializer_list<uint8>{0, 3}) {
         log.clear();
         EXPECT_EQ(ComDev_Send(ch, buffer, 4), -1);
         EXPECT_EQ(ComDev_Rcv(ch, buffer, 4, 10), -1);
@@ -291,7 +292,7 @@ TEST_F(ComDev, ChannelsInNoUseAreRefused) {
 }
 
 TEST_F(ComDev, FlushAndQuestionsOnNoChannelAreSilent) {
-    for (const uint8 ch : {0, 3, 4, 255}) {
+    for (const uint8 ch : std::initializer_list<uint8>{0, 3, 4, 255}) {
         ComDev_FlushQueue(ch);
         EXPECT_LT(ComDev_BreakCount(ch), 0);
         EXPECT_EQ(ComDev_Descriptor(ch), -1);
