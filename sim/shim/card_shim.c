@@ -8,7 +8,8 @@
  *                    moves the daemon's clock by writing to it. The monotonic clock is never touched.
  *   CARD_SHIM_ERRNO  if set, adjtime fails with this number
  *   CARD_SHIM_BAUD   if set, what is written to a terminal takes ten bits a byte at this speed until tcdrain returns;
- *                    a pseudo-terminal by itself drains at once
+ *                    a pseudo-terminal by itself drains at once. It is the speed of a terminal that is set to 9600
+ *                    baud; one that is set to another speed is so many times faster or slower.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -39,7 +40,8 @@ static const char* log_path;
 static int adjtime_errno;
 static double byte_seconds;
 static double busy_until[MAX_FD];
-static char is_line[MAX_FD];
+/* Seconds that a byte takes on a line; 0 for a descriptor that isn't known to be one. */
+static double line_seconds[MAX_FD];
 
 static int (*real_clock_gettime)(clockid_t, struct timespec*);
 static ssize_t (*real_write)(int, const void*, size_t);
@@ -165,10 +167,10 @@ static double now_seconds(void) {
 EXPORT ssize_t write(int fd, const void* data, size_t count) {
     if (!real_write) real_write = (ssize_t(*)(int, const void*, size_t))next_symbol("write");
     ssize_t n = real_write(fd, data, count);
-    if (n > 0 && byte_seconds > 0 && fd >= 0 && fd < MAX_FD && is_line[fd]) {
+    if (n > 0 && byte_seconds > 0 && fd >= 0 && fd < MAX_FD && line_seconds[fd] > 0) {
         double now = now_seconds();
         if (busy_until[fd] < now) busy_until[fd] = now;
-        busy_until[fd] += (double)n * byte_seconds;
+        busy_until[fd] += (double)n * line_seconds[fd];
     }
     return n;
 }
@@ -176,17 +178,30 @@ EXPORT ssize_t write(int fd, const void* data, size_t count) {
 EXPORT int close(int fd) {
     if (!real_close) real_close = (int (*)(int))next_symbol("close");
     if (fd >= 0 && fd < MAX_FD) {
-        is_line[fd] = 0;
+        line_seconds[fd] = 0;
         busy_until[fd] = 0;
     }
     return real_close(fd);
+}
+
+static double baud_of(int fd) {
+    static const struct {
+        speed_t code;
+        double baud;
+    } speeds[] = {{B1200, 1200},   {B2400, 2400},   {B4800, 4800},   {B9600, 9600},
+                  {B19200, 19200}, {B38400, 38400}, {B57600, 57600}, {B115200, 115200}};
+    struct termios settings;
+    if (tcgetattr(fd, &settings) == 0)
+        for (size_t i = 0; i < sizeof speeds / sizeof *speeds; i++)
+            if (speeds[i].code == cfgetospeed(&settings)) return speeds[i].baud;
+    return 9600;
 }
 
 /* A port is drained before each write, so the first drain tells which descriptors are lines. */
 EXPORT int tcdrain(int fd) {
     if (!isatty(fd)) return -1; /* with the errno that the driver would give: EBADF, ENOTTY, EIO */
     if (fd >= MAX_FD) return 0;
-    is_line[fd] = 1;
+    if (line_seconds[fd] == 0) line_seconds[fd] = byte_seconds * 9600 / baud_of(fd);
     double left = busy_until[fd] - now_seconds();
     if (left <= 0) return 0;
     struct timespec ts = {(time_t)left, (long)((left - (double)(time_t)left) * 1e9)};

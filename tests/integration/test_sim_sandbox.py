@@ -92,18 +92,22 @@ print(int(time.time()))
     assert told[-1] == "-1"
 
 
-def test_a_terminal_takes_the_time_of_a_line(sandbox, build, bus):
+@pytest.mark.parametrize("baud, count", [("B9600", 96), ("B1200", 12), ("B115200", 1152)])
+def test_a_terminal_takes_the_time_of_a_line(sandbox, build, bus, baud, count):
     sandbox.link("/dev/ttyB1", bus.pty("port").path)
     script = """
 import os, termios, time
 fd = os.open("/dev/ttyB1", os.O_RDWR | os.O_NOCTTY)
+mode = termios.tcgetattr(fd)
+mode[4] = mode[5] = termios.%s
+termios.tcsetattr(fd, termios.TCSANOW, mode)
 termios.tcdrain(fd)
 begin = time.monotonic()
-os.write(fd, bytes(96))
+os.write(fd, bytes(%d))
 written = time.monotonic()
 termios.tcdrain(fd)
 print(written - begin < 0.05, 0.099 < time.monotonic() - begin < 0.3)
-"""
+""" % (baud, count)
     assert python(sandbox, script, env=sandbox.environment(os.path.join(build, SHIM), baud=9600)) == ["True True"]
 
 
