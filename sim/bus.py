@@ -16,6 +16,7 @@ among them. Times are those of time.monotonic().
 
 import collections
 import os
+import random
 import select
 import threading
 import time
@@ -130,9 +131,10 @@ class _Transmitter:
 
 class Bus:
     """See above. `speed` multiplies the baud rate; 0 stands for a bus that takes no time. `keep` limits the record
-    to that many last entries."""
+    to that many last entries. `hunter` is the class that finds the frames for the record: for another protocol on
+    the wire, its own."""
 
-    def __init__(self, loop, baud=9600, speed=1.0, name="bus", keep=None):
+    def __init__(self, loop, baud=9600, speed=1.0, name="bus", keep=None, hunter=Hunter):
         self.loop = loop
         self.name = name
         self.baud = baud * speed
@@ -142,7 +144,11 @@ class Bus:
         self.pieces = collections.deque(maxlen=keep)
         self.heard = collections.deque(maxlen=keep)
         self.bytes_sent = 0
+        self.spoiled = 0
+        self._disturbed = 0.0
+        self._random = None
         self._numbered = 0
+        self._hunter_class = hunter
         self._hunters = {}
         self._transmitters = {}
         self._filters = []
@@ -224,12 +230,26 @@ class Bus:
             return data[n:]
         return self.add_filter(change)
 
+    def disturb(self, percent, seed=None):
+        """From now on flips one bit in so many of a hundred transmissions, chosen at random; 0 ends it. A frame that
+        is sent in one go is one transmission."""
+        self._random = random.Random(seed)
+        self._disturbed = percent / 100
+
+    def _spoil(self, data):
+        data = bytearray(data)
+        data[self._random.randrange(len(data))] ^= 1 << self._random.randrange(8)
+        self.spoiled += 1
+        return bytes(data)
+
     # Sending; in the loop's thread.
 
     def submit(self, node, data):
         """Bytes of an endpoint go on the wire."""
         if not data:
             return
+        if self._disturbed and self._random.random() < self._disturbed:
+            data = self._spoil(data)
         now = time.monotonic()
         if not self.byte_time:
             self._emit(node, bytes(data), now)
@@ -285,7 +305,7 @@ class Bus:
             self.pieces.append(Piece(sender, data, start, end))
         hunter = self._hunters.get(sender)
         if hunter is None:
-            hunter = self._hunters[sender] = Hunter(RECORD_SILENCE)
+            hunter = self._hunters[sender] = self._hunter_class(RECORD_SILENCE)
         found = hunter.feed(data, start, self.byte_time)
         if not found:
             return

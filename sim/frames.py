@@ -92,7 +92,8 @@ Found = namedtuple("Found", "frame raw start end")
 
 
 class Hunter:
-    """Finds frames in a stream that may begin anywhere and hold noise.
+    """Finds frames in a stream that may begin anywhere and hold noise. Frames of another protocol with a head of the
+    same size, too, in a subclass with a `_size` and a `_parse` of its own.
 
     Bytes that turn out to belong to no frame come back as a Found without a frame, in order. After a `silence`
     (seconds on the wire between two bytes) an unfinished frame is given up, so that a false STX in noise doesn't
@@ -133,6 +134,14 @@ class Hunter:
         """Bytes held that may still become a frame."""
         return len(self._bytes) - self._noise
 
+    def _size(self, head):
+        """Bytes of the frame with this head, None if there can't be one."""
+        length = int.from_bytes(head[5:7], "big")
+        return length + OVERHEAD if length <= self._max_data else None
+
+    def _parse(self, raw):
+        return parse(raw)
+
     def _scan(self, found):
         buf = self._bytes
         while self._noise < len(buf):
@@ -142,15 +151,14 @@ class Hunter:
                 continue
             if len(buf) - at < HEAD:
                 return
-            length = int.from_bytes(buf[at + 5:at + 7], "big")
-            size = length + OVERHEAD
-            if length > self._max_data:
+            size = self._size(buf[at:at + HEAD])
+            if size is None:
                 self._noise += 1
                 continue
             if len(buf) - at < size:
                 return
             try:
-                good = parse(buf[at:at + size])
+                good = self._parse(buf[at:at + size])
             except ValueError:
                 self._noise += 1
                 continue

@@ -8,8 +8,9 @@
     gateway.close()
 
 Its bus port is a pseudo-terminal on `bus`, named /dev/ttyB1 inside; its module port is /dev/ttyM1 on a line of its
-own (`module_line`), on which nothing answers unless somebody attaches a node. Both lines have the speed factor of
-the bus. A gateway can be started again after it has ended: the sandbox with its segment, files and names stays.
+own (`module_line`), on which nothing answers unless somebody attaches a node (sim.module.Module). Both lines have the
+speed factor of the bus. A gateway can be started again after it has ended: the sandbox with its segment, files and
+names stays.
 """
 
 import itertools
@@ -18,6 +19,7 @@ import shutil
 import signal
 import time
 
+from sim import mlink
 from sim.bus import Bus
 from sim.logfile import LogFile
 from sim.records import Node
@@ -65,7 +67,8 @@ class Gateway:
         shutil.copy2(os.path.join(self.build, "UGW"), self.binary)
         self.bus_port = bus.pty(card)
         speed = bus.baud / 9600
-        self.module_line = Bus(bus.loop, baud=module_baud or 9600, speed=speed, name="module line " + card, keep=1000)
+        self.module_line = Bus(bus.loop, baud=module_baud or 9600, speed=speed, name="module line " + card, keep=1000,
+                               hunter=mlink.Hunter)
         self.module_port = self.module_line.pty("card")
         self.sandbox.link(bus_name, self.bus_port.path)
         self.sandbox.link(module_name, self.module_port.path)
@@ -146,9 +149,21 @@ class Gateway:
 
     def hang_up_bus(self):
         """The bus port's device goes away under the daemon."""
-        self.bus.detach(self.bus_port)
-        self.bus.loop.invoke(self.bus_port.close)
-        self.sandbox.unlink(self.bus_name)
+        self._hang_up(self.bus, self.bus_port, self.bus_name)
+
+    def hang_up_module(self):
+        """The module port's device goes away under the daemon."""
+        self._hang_up(self.module_line, self.module_port, self.module_name)
+
+    def restore_module(self):
+        """A new device under the old name of the module port."""
+        self.module_port = self.module_line.pty("card")
+        self.sandbox.link(self.module_name, self.module_port.path)
+
+    def _hang_up(self, line, port, name):
+        line.detach(port)
+        line.loop.invoke(port.close)
+        self.sandbox.unlink(name)
 
     def restore_bus(self):
         """A new device under the old name."""

@@ -192,3 +192,18 @@ def test_polling_walks_the_plant(bus):
     bus.wait(lambda h: len(bus.frames(silent)) > 6)
     cabinets["A"].stop_polling()
     assert not bus.frames(silent, sender="B")
+
+
+def test_a_disturbed_bus_spoils_so_many_transmissions(bus):
+    ear, sender = bus.attach(Listener()), bus.attach(Listener("sender"))
+    bus.disturb(25, seed=1)
+    for _ in range(400):
+        bus.loop.invoke(sender.send, bytes(10))
+    wait_until(lambda: len(ear.data()) == 4000)
+    spoiled = [data for _, data in ear.pieces if any(data)]
+    assert len(spoiled) == bus.spoiled and 60 < bus.spoiled < 140
+    assert all(sum(bin(byte).count("1") for byte in data) == 1 for data in spoiled)
+    bus.disturb(0)
+    bus.loop.invoke(sender.send, bytes(1000))
+    wait_until(lambda: len(ear.data()) == 5000)
+    assert not any(ear.data()[4000:])
