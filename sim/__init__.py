@@ -15,7 +15,11 @@ The modules, from the bottom up:
   loop             one thread that runs timers and file descriptors
   bus              a bus or line at its baud rate: pseudo-terminals and simulated nodes on one wire, recorded
   cabinet          a simulated card on the bus: answers, misbehaves, or acts as the master
-  plant            measures of a three-phase UPS plant that move plausibly
+  mlink            the frame of the module line and its nibble-coded numbers
+  mstates, mdata   what a power module tells: its 176 status bits, its fields in the data of each reply
+  unit             how a power module behaves: modes, commands, timers
+  module           a simulated power module on its line: answers, refuses, misbehaves, records
+  plant            measures of a three-phase UPS plant that move plausibly, for cabinets and for modules
   logfile          the daemon's log, waited for and taken apart
   sandbox, jail    a private view of the machine for one daemon: devices, status file, segments, clock, halt
   gateway          the real daemon in a sandbox, with what it publishes

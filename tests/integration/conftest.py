@@ -10,6 +10,7 @@ from sim.bus import Bus
 from sim.cabinet import Cabinet
 from sim.gateway import Gateway, default_build
 from sim.loop import Loop
+from sim.module import Module
 from sim.plant import CabinetModel, Plant
 
 _numbers = itertools.count(1)
@@ -110,6 +111,17 @@ def make_gateway(request, build, workdir):
 def gateway(make_gateway, bus):
     """gateway(card="A", mask="1111", ...): a real gateway on the bus that takes no time."""
     return lambda card="A", **options: make_gateway(bus, card, **options)
+
+
+@pytest.fixture
+def module(request):
+    """module(gateway, ...): a healthy power module on a gateway's module line, options as of sim.module.Module; what
+    it was asked is shown if the test fails."""
+    def attach(gateway, **options):
+        line = gateway.module_line
+        _watched(request).append((line.name, line.transcript))
+        return line.attach(Module(**options))
+    return attach
 
 
 def _watched(request):
