@@ -44,6 +44,8 @@ struct FakeLine::State {
     std::size_t outputRoom(std::int64_t now) const;
     /// From when on a select for writing returns.
     std::int64_t roomAt() const;
+    /// Microseconds that so many bytes take at the product's speed.
+    std::int64_t timeToSend(std::size_t bytes) const;
     /// Counts a call and gives the error it is to fail with, 0 if it isn't.
     int enter(LineCall call, unsigned long request = 0);
 
@@ -84,6 +86,9 @@ struct FakeLine::State {
     bool hasBreakCounter = true;
     int breakCount = 0;
 };
+
+/// Microseconds; `baud` 0 takes no time.
+std::int64_t timeOnLine(std::int64_t bytes, std::int64_t baud);
 
 void registerLine(const std::shared_ptr<FakeLine::State>& state);
 void unregisterLine(const std::shared_ptr<FakeLine::State>& state);

@@ -3,17 +3,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/serial.h>
-#include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdarg>
 #include <cstring>
-#include <map>
 
 #include "support/Allocations.h"
-#include "support/FakeLineState.h"
+#include "support/LineRegistry.h"
 #include "support/Transcript.h"
 #include "support/VirtualClock.h"
 
@@ -29,103 +26,13 @@ int __real_tcsetattr(int, int, const struct termios*);
 int __real_tcflush(int, int);
 int __real_tcdrain(int);
 int __real_tcsendbreak(int, int);
-int __real_select(int, fd_set*, fd_set*, fd_set*, struct timeval*);
 }
 
 namespace support {
 namespace {
 
-constexpr int DESCRIPTORS = 65536;
-constexpr std::int64_t BITS_PER_BYTE = 10;
-constexpr std::int64_t US_PER_S = 1000000;
 /// A BREAK of duration 0 lasts between 0.25 and 0.5 s.
 constexpr std::int64_t BREAK_US = 250000;
-
-using StatePtr = std::shared_ptr<FakeLine::State>;
-
-struct Descriptor {
-    StatePtr state;
-    unsigned generation = 0;
-    std::shared_ptr<std::atomic<int>> flags;  ///< the file status flags
-    bool waits() const { return (*flags & O_NONBLOCK) == 0; }
-    bool dead() const { return state->generation != generation; }
-};
-
-struct Registry {
-    std::mutex mutex;
-    std::map<std::string, StatePtr> byPath;
-    std::map<int, Descriptor> byDescriptor;
-    std::map<std::string, std::string> redirected;
-};
-
-Registry& registry() {
-    static Registry* const instance = new Registry;
-    return *instance;
-}
-
-// So that the many calls on other descriptors cost nothing.
-std::atomic<bool> isFake[DESCRIPTORS];
-
-// A select with an empty set counts as one on the line that the thread selected last: a driver may fill its set once.
-thread_local StatePtr* lastSelected = nullptr;
-
-bool find(int fd, Descriptor& out) {
-    if (fd < 0 || fd >= DESCRIPTORS || !isFake[fd]) {
-        return false;
-    }
-    const SignalSafeLock lock(registry().mutex);
-    const auto found = registry().byDescriptor.find(fd);
-    if (found == registry().byDescriptor.end()) {
-        return false;
-    }
-    out = found->second;
-    return true;
-}
-
-// Runs the test's hook, counts the call; false with errno set if the call is to fail.
-bool enter(const StatePtr& state, LineCall call, unsigned long request = 0) {
-    std::function<void()> hook;
-    {
-        const SignalSafeLock lock(state->mutex);
-        hook = state->before[static_cast<std::size_t>(call)];
-    }
-    if (hook) {
-        hook();
-    }
-    int error = 0;
-    {
-        const SignalSafeLock lock(state->mutex);
-        error = state->enter(call, request);
-    }
-    if (error != 0) {
-        errno = error;
-        return false;
-    }
-    return true;
-}
-
-int failed(int error) {
-    errno = error;
-    return -1;
-}
-
-std::int64_t baudOf(const struct termios& settings) {
-    static const struct {
-        speed_t code;
-        std::int64_t baud;
-    } table[] = {{B1200, 1200},   {B2400, 2400},   {B4800, 4800},   {B9600, 9600},
-                 {B19200, 19200}, {B38400, 38400}, {B57600, 57600}, {B115200, 115200}};
-    for (const auto& row : table) {
-        if (cfgetospeed(&settings) == row.code) {
-            return row.baud;
-        }
-    }
-    return 0;
-}
-
-std::int64_t timeOnLine(std::int64_t bytes, std::int64_t baud) {
-    return baud == 0 ? 0 : (bytes * BITS_PER_BYTE * US_PER_S + baud - 1) / baud;
-}
 
 std::string flagNames(int flags) {
     static const struct {
@@ -176,11 +83,7 @@ int openLine(const StatePtr& state, int flags) {
         state->openFlags = flags;
         state->statusFlags = entry.flags;
     }
-    {
-        const SignalSafeLock lock(registry().mutex);
-        registry().byDescriptor[fd] = entry;
-    }
-    isFake[fd] = true;
+    bind(fd, entry);
     Transcript::add(state->name, "open " + flagNames(flags));
     return fd;
 }
@@ -189,11 +92,7 @@ int closeLine(int fd, const Descriptor& entry) {
     const bool good = enter(entry.state, LineCall::Close);
     const int error = errno;
     Transcript::add(entry.state->name, good ? "close" : std::string("close fails: ") + std::strerror(error));
-    isFake[fd] = false;
-    {
-        const SignalSafeLock lock(registry().mutex);
-        registry().byDescriptor.erase(fd);
-    }
+    unbind(fd);
     {
         const SignalSafeLock lock(entry.state->mutex);
         --entry.state->openCount;
@@ -317,7 +216,7 @@ ssize_t writeLine(const Descriptor& entry, const void* buffer, size_t length) {
                 if (state->sentUntil < now) {
                     state->sentUntil = now;
                 }
-                state->sentUntil += timeOnLine(static_cast<std::int64_t>(n), baudOf(state->settings));
+                state->sentUntil += state->timeToSend(n);
             }
             if (bytes.size() == length || limited || !entry.waits()) {
                 if (bytes.empty() && length > 0) {
@@ -399,175 +298,7 @@ int fcntlLine(int fd, const Descriptor& entry, int command, long argument) {
     }
 }
 
-/// One descriptor of a select: for reading or for writing.
-struct Watched {
-    int fd;
-    Descriptor entry;
-    bool forWriting;
-};
-
-// Now, at a later instant, or (INT64_MAX) not as things are.
-std::int64_t readyAt(const Watched& watched, std::int64_t now) {
-    const FakeLine::State& state = *watched.entry.state;
-    const SignalSafeLock lock(state.mutex);
-    if (watched.entry.dead()) {
-        return now;
-    }
-    if (watched.forWriting) {
-        return state.roomAt();
-    }
-    return state.input.empty() ? INT64_MAX : state.input.front().at;
-}
-
-// Waits until a descriptor is ready, or for `us`; true in the first case. No limit if `us` is negative.
-bool waitReady(const std::vector<Watched>& all, std::int64_t us, std::int64_t* rest) {
-    const std::int64_t start = VirtualClock::now();
-    const std::int64_t end = us < 0 ? INT64_MAX : start + us;
-    for (;;) {
-        const std::int64_t now = VirtualClock::now();
-        std::int64_t next = INT64_MAX;
-        for (const Watched& watched : all) {
-            const std::int64_t at = readyAt(watched, now);
-            next = at < next ? at : next;
-        }
-        if (next <= now) {
-            *rest = end > now ? end - now : 0;
-            return true;
-        }
-        if (now >= end) {
-            *rest = 0;
-            return false;
-        }
-        next = next < end ? next : end;
-        if (next == INT64_MAX && !VirtualClock::hasEvents()) {
-            ADD_FAILURE() << "a select without limit and with nothing to come never returns";
-            *rest = 0;
-            return false;
-        }
-        VirtualClock::step(next);
-    }
-}
-
-// The fake descriptors of a set; true in `others` if there are real ones too.
-void collect(int count, fd_set* set, bool forWriting, std::vector<Watched>& all, bool& others) {
-    for (int fd = 0; set != nullptr && fd < count && fd < FD_SETSIZE; ++fd) {
-        Descriptor entry;
-        if (!FD_ISSET(fd, set)) {
-            continue;
-        }
-        if (find(fd, entry)) {
-            all.push_back({fd, entry, forWriting});
-        } else {
-            others = true;
-        }
-    }
-}
-
 }  // namespace
-
-FakeLine::State::State(const std::string& thePath, int thePeerBaud)
-    : path(thePath), name(thePath.substr(thePath.rfind('/') + 1)), peerBaud(thePeerBaud) {
-    // As a port is found: canonical, with echo, 38400 baud.
-    std::memset(&settings, 0, sizeof(settings));
-    settings.c_iflag = ICRNL | IXON;
-    settings.c_oflag = OPOST | ONLCR;
-    settings.c_cflag = CS8 | CREAD | HUPCL;
-    settings.c_lflag = ISIG | ICANON | ECHO | ECHOE | ECHOK | IEXTEN;
-    static const struct {
-        int index;
-        cc_t value;
-    } characters[] = {{VINTR, 3},   {VQUIT, 28}, {VERASE, 127}, {VKILL, 21}, {VEOF, 4},
-                      {VSTART, 17}, {VSTOP, 19}, {VSUSP, 26},   {VMIN, 1},   {VTIME, 0}};
-    for (const auto& row : characters) {
-        settings.c_cc[row.index] = row.value;
-    }
-    cfsetispeed(&settings, B38400);
-    cfsetospeed(&settings, B38400);
-    std::memset(&rs485, 0, sizeof(rs485));
-}
-
-void FakeLine::State::feedFrom(std::int64_t instant, const Bytes& bytes) {
-    const std::int64_t start = instant > peerBusyUntil ? instant : peerBusyUntil;
-    std::int64_t count = 0;
-    for (const std::uint8_t byte : bytes) {
-        input.push_back({byte, start + timeOnLine(++count, peerBaud)});
-    }
-    peerBusyUntil = start + timeOnLine(count, peerBaud);
-}
-
-std::size_t FakeLine::State::arrived(std::int64_t now) const {
-    std::size_t n = 0;
-    while (n < input.size() && input[n].at <= now) {
-        ++n;
-    }
-    return n;
-}
-
-void FakeLine::State::dropArrived(std::int64_t now) {
-    while (!input.empty() && input.front().at <= now) {
-        input.pop_front();
-    }
-}
-
-std::size_t FakeLine::State::outputRoom(std::int64_t now) const {
-    if (outputLimit == 0) {
-        return SIZE_MAX;
-    }
-    const std::int64_t baud = baudOf(settings);
-    const std::int64_t rest = sentUntil > now ? sentUntil - now : 0;
-    const std::size_t pending =
-        static_cast<std::size_t>((rest * baud + BITS_PER_BYTE * US_PER_S - 1) / (BITS_PER_BYTE * US_PER_S));
-    return pending < outputLimit ? outputLimit - pending : 0;
-}
-
-std::int64_t FakeLine::State::roomAt() const {
-    // The kernel wakes a writer when fewer than 256 bytes are left to send.
-    const std::size_t low = outputLimit == 0 || outputLimit > 256 ? 255 : outputLimit - 1;
-    return outputLimit == 0 ? 0 : sentUntil - timeOnLine(static_cast<std::int64_t>(low), baudOf(settings));
-}
-
-int FakeLine::State::enter(LineCall call, unsigned long request) {
-    ++calls[static_cast<std::size_t>(call)];
-    ++totalCalls;
-    int error = 0;
-    for (auto fault = faults.begin(); fault != faults.end();) {
-        const bool concerned =
-            fault->anyCall || (fault->call == call && (fault->request == 0 || fault->request == request));
-        if (concerned && fault->countdown > 1) {
-            --fault->countdown;
-        } else if (concerned) {
-            error = fault->error;
-            if (--fault->times == 0) {
-                fault = faults.erase(fault);
-                continue;
-            }
-        }
-        ++fault;
-    }
-    return error;
-}
-
-void registerLine(const StatePtr& state) {
-    const SignalSafeLock lock(registry().mutex);
-    registry().byPath[state->path] = state;
-}
-
-void unregisterLine(const StatePtr& state) {
-    const SignalSafeLock lock(registry().mutex);
-    const auto found = registry().byPath.find(state->path);
-    if (found != registry().byPath.end() && found->second == state) {
-        registry().byPath.erase(found);
-    }
-}
-
-void redirectPath(const std::string& path, const std::string& target) {
-    const SignalSafeLock lock(registry().mutex);
-    if (target.empty()) {
-        registry().redirected.erase(path);
-    } else {
-        registry().redirected[path] = target;
-    }
-}
 
 }  // namespace support
 
@@ -581,23 +312,11 @@ int __wrap_open(const char* path, int flags, ...) {
     va_start(args, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
     va_end(args);
-    StatePtr state;
-    std::string target;
-    {
-        const SignalSafeLock lock(registry().mutex);
-        const auto found = registry().byPath.find(path == nullptr ? "" : path);
-        if (found != registry().byPath.end()) {
-            state = found->second;
-        }
-        const auto other = registry().redirected.find(path == nullptr ? "" : path);
-        if (other != registry().redirected.end()) {
-            target = other->second;
-        }
-    }
-    if (state) {
+    if (const StatePtr state = lineAt(path)) {
         return openLine(state, flags);
     }
-    return __real_open(target.empty() ? path : target.c_str(), flags, mode);
+    const std::string other = redirected(path);
+    return __real_open(other.empty() ? path : other.c_str(), flags, mode);
 }
 
 int __wrap_open64(const char* path, int flags, ...) {
@@ -759,64 +478,6 @@ int __wrap_tcsendbreak(int fd, int duration) {
     Transcript::add(entry.state->name, "break");
     VirtualClock::wait("tcsendbreak", BREAK_US);
     return 0;
-}
-
-int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, struct timeval* timeout) {
-    const UncountedAllocations uncounted;
-    if (VirtualClock::isReal()) {
-        return __real_select(count, read, write, except, timeout);
-    }
-    const std::int64_t us = timeout == nullptr ? -1 : timeout->tv_sec * US_PER_S + timeout->tv_usec;
-    std::vector<Watched> lines;
-    bool others = false;
-    collect(count, read, false, lines, others);
-    collect(count, write, true, lines, others);
-    others = others || except != nullptr;
-    if (lines.empty() && others) {
-        // Real descriptors: what is there now, or else the virtual time passes.
-        struct timeval none = {0, 0};
-        const int ready = __real_select(count, read, write, except, us < 0 ? nullptr : &none);
-        if (ready == 0 && us > 0) {
-            VirtualClock::wait("select", us);
-        }
-        return ready;
-    }
-    if (!lines.empty()) {
-        if (lastSelected == nullptr) {
-            static thread_local StatePtr last;
-            lastSelected = &last;
-        }
-        *lastSelected = lines.front().entry.state;
-    }
-    if (lastSelected != nullptr && *lastSelected) {
-        const StatePtr state = *lastSelected;
-        if (!enter(state, LineCall::Select)) {
-            return -1;
-        }
-    }
-    std::int64_t rest = 0;
-    VirtualClock::note("select", us);
-    waitReady(lines, us, &rest);
-    VirtualClock::giveWay();
-    if (timeout != nullptr) {
-        // As Linux does.
-        timeout->tv_sec = static_cast<time_t>(rest / US_PER_S);
-        timeout->tv_usec = static_cast<suseconds_t>(rest % US_PER_S);
-    }
-    for (fd_set* const set : {read, write}) {
-        if (set != nullptr) {
-            FD_ZERO(set);
-        }
-    }
-    const std::int64_t now = VirtualClock::now();
-    int ready = 0;
-    for (const Watched& watched : lines) {
-        if (readyAt(watched, now) <= now) {
-            FD_SET(watched.fd, watched.forWriting ? write : read);
-            ++ready;
-        }
-    }
-    return ready;
 }
 
 }  // extern "C"
