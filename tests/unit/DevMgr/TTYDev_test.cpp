@@ -1,9 +1,7 @@
 #include "DevMgr/TTYDev.h"
 
-#include <asm/ioctls.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/select.h>
 
 #include <cerrno>
@@ -13,51 +11,17 @@
 #include "support/FakeLine.h"
 #include "support/LogCapture.h"
 #include "support/VirtualClock.h"
+#include "unit/DevMgr/PortOnALine.h"
 
-using support::AllocationCount;
 using support::Bytes;
 using support::failAllocation;
 using support::FakeLine;
 using support::LineCall;
-using support::LogCapture;
 using support::VirtualClock;
 
 namespace {
 
-constexpr char DEVICE[] = "/dev/ttyX1";
-
-/// A port on a line where the peer's bytes are there at once; freed at the end unless the test has ended it.
-class TTYDev : public testing::Test {
-  protected:
-    ~TTYDev() override {
-        if (port != nullptr) {
-            ttyd_discard(port);
-        }
-    }
-    void openPort() {
-        ttyd_set_device(port, DEVICE);
-        ASSERT_EQ(ttyd_open(port, false), TTYD_ERR_NOERROR);
-    }
-    int32 read(uint32 wanted, uint32 timeout) {
-        got.assign(wanted, 0);
-        uint32 count = 4711;
-        const int32 ret = ttyd_read_timeout(port, got.data(), wanted, &count, timeout);
-        got.resize(count <= wanted ? count : 0);
-        counted = count;
-        return ret;
-    }
-    int32 write(const Bytes& bytes) {
-        written = 4711;
-        return ttyd_write(port, bytes.data(), static_cast<uint32>(bytes.size()), &written);
-    }
-
-    LogCapture log;
-    FakeLine line{DEVICE, 0};
-    ttyd_port_t* port = ttyd_init();
-    Bytes got;
-    uint32 counted = 0;
-    uint32 written = 0;
-};
+class TTYDev : public PortOnALine {};
 
 struct Named {
     uint32 value;
