@@ -167,7 +167,8 @@ class Bus:
         return self.loop.invoke(add)
 
     def detach(self, node):
-        """Takes an endpoint off the bus, as if its plug were pulled."""
+        """Takes an endpoint off the bus, as if its plug were pulled: what it sends from then on is lost. `attach` puts
+        it back."""
         self.loop.invoke(lambda: self.endpoints.remove(node) if node in self.endpoints else None)
 
     def pty(self, name):
@@ -246,7 +247,7 @@ class Bus:
 
     def submit(self, node, data):
         """Bytes of an endpoint go on the wire."""
-        if not data:
+        if not data or node not in self.endpoints and node is not self._noise:
             return
         if self._disturbed and self._random.random() < self._disturbed:
             data = self._spoil(data)

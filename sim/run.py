@@ -1,9 +1,17 @@
-"""The demonstration: a real gateway as card A, master of a virtual bus with cabinets B, C and D.
+"""The demonstration, in one of two settings.
 
-    python3 -m sim.run [--seconds N] [--lose C] [--speed X] [--build DIR]
+    python3 -m sim.run --bus-only [--seconds N] [--lose C] [--speed X]
 
-Ends at Ctrl-C or after N seconds. Exit status 0 if the gateway really published: a fresh and valid status file, and
-each of the simulated cabinets seen in good order.
+A real gateway as card A, master of a virtual bus with the simulated cabinets B, C and D. Exit status 0 if the gateway
+really published: a fresh and valid status file, and each of the simulated cabinets seen in good order.
+
+    python3 -m sim.run --whole [--cabinets 1..4] [--baud RATE] [--seconds N] [--lose C] [--mains-fails]
+                       [--module-dies B] [--refuse N] [--noise PERCENT] [--speed X]
+
+The whole system (sim.system): up to four real gateways, each with a simulated power module. Exit status 0 if all of
+them published, saw the modules of all, and showed what was done to the plant.
+
+Both end at Ctrl-C or after N seconds.
 """
 
 import argparse
@@ -13,58 +21,17 @@ import sys
 import threading
 import time
 
-from sim import statusfile, view
-from sim.bus import Bus
-from sim.cabinet import Cabinet
-from sim.gateway import Gateway, default_build
-from sim.loop import Loop
-from sim.plant import CabinetModel, Plant
+from sim import statusfile, system, view
+from sim.gateway import default_build
+from sim.scene import Scene
 
 LOSE_AFTER = 8.0
 LOST_FOR = 25.0
 RECOVERY = 12.0
 LOOKS_PER_SECOND = 4
-KEEP = 500
-
-
-class Scene:
-    """The bus with real gateways and simulated cabinets on it. `real` are the letters of the gateways, the first of
-    them the one that is looked at; each has its own module line, `module_line`, for a simulated module."""
-
-    def __init__(self, build, real="A", simulated="BCD", speed=1.0):
-        self.loop = Loop()
-        self.gateways = {}
-        self.cabinets = {}
-        try:
-            self.bus = Bus(self.loop, speed=speed, keep=KEEP)
-            everyone = sorted(real + simulated)
-            self.plant = Plant(sharing=len(everyone))
-            for letter in simulated:
-                cabinet = self.cabinets[letter] = self.bus.attach(Cabinet(letter, keep=KEEP))
-                CabinetModel(self.plant, letter).install(cabinet)
-            mask = "1" + "".join("1" if letter in everyone else "0" for letter in "BCD")
-            for letter in real:
-                self.gateways[letter] = Gateway(self.bus, letter, mask=mask, build=build)
-        except BaseException:
-            self.close()
-            raise
-        self.main = self.gateways[real[0]]
-
-    def start(self):
-        for gateway in self.gateways.values():
-            gateway.start()
-
-    def round_seconds(self):
-        """Length of the last whole round of the master on the bus, or None."""
-        begins = [h.start for h in self.bus.frames(command="BN") if h.frame.src == h.frame.dest]
-        return begins[-1] - begins[-2] if len(begins) > 1 else None
-
-    def close(self):
-        for gateway in self.gateways.values():
-            gateway.close()
-        if hasattr(self, "bus"):
-            self.bus.close()
-        self.loop.stop()
+# Which of the two settings is meant when none is named.
+WHOLE_BY_DEFAULT = False
+BAUD_RATES = (1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200)
 
 
 class Verdict:
@@ -112,13 +79,35 @@ class Verdict:
 
 
 def _arguments():
-    parser = argparse.ArgumentParser(prog="run.sh", description=__doc__.split("\n")[0])
+    parser = argparse.ArgumentParser(prog="run.sh", description="the gateway on a virtual plant")
+    setting = parser.add_mutually_exclusive_group()
+    setting.add_argument("--bus-only", dest="whole", action="store_false", default=WHOLE_BY_DEFAULT,
+                         help="one real gateway without a module, and simulated cabinets")
+    setting.add_argument("--whole", action="store_true", default=WHOLE_BY_DEFAULT,
+                         help="a real gateway with a simulated module for each cabinet")
     parser.add_argument("--seconds", type=float, metavar="N", help="end after N seconds (otherwise at Ctrl-C)")
     parser.add_argument("--lose", choices=("B", "C", "D"), metavar="C",
-                        help="let cabinet B, C or D fall silent after %d s, for %d s" % (LOSE_AFTER, LOST_FOR))
-    parser.add_argument("--speed", type=float, default=1.0, metavar="X", help="bus speed as a multiple of 9600 baud")
+                        help="take cabinet B, C or D off the bus for a while")
+    parser.add_argument("--speed", type=float, default=1.0, metavar="X", help="speed of all lines as a multiple")
     parser.add_argument("--build", default=default_build(), metavar="DIR", help=argparse.SUPPRESS)
-    return parser.parse_args()
+    whole = parser.add_argument_group("the whole system")
+    whole.add_argument("--cabinets", type=int, choices=range(1, 5), default=4, metavar="1..4", help="how many")
+    whole.add_argument("--baud", type=int, choices=BAUD_RATES, default=9600, metavar="RATE",
+                       help="speed of the module lines: %s" % ", ".join(map(str, BAUD_RATES)))
+    whole.add_argument("--mains-fails", action="store_true", help="all modules go to battery and discharge")
+    whole.add_argument("--module-dies", choices=tuple("ABCD"), metavar="B", help="a cabinet's module falls silent")
+    whole.add_argument("--refuse", choices=tuple("123456789"), metavar="N",
+                       help="the last cabinet's module refuses everything with code N")
+    whole.add_argument("--noise", type=float, default=0.0, metavar="PERCENT",
+                       help="spoil so many of the transmissions on all lines")
+    options = parser.parse_args()
+    cabinets = "ABCD"[:options.cabinets]
+    for letter in (options.lose, options.module_dies):
+        if options.whole and letter and letter not in cabinets:
+            parser.error("there is no cabinet %s" % letter)
+    if not options.whole and (options.mains_fails or options.module_dies or options.refuse or options.noise):
+        parser.error("--mains-fails, --module-dies, --refuse and --noise are for the whole system")
+    return options
 
 
 def _story(options, elapsed):
@@ -206,7 +195,7 @@ def main():
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: stop.set())
     try:
-        return run(options, sys.stdout, stop)
+        return (system.run if options.whole else run)(options, sys.stdout, stop)
     except OSError as error:
         sys.stderr.write("%s\n" % error)
         return 1

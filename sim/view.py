@@ -15,7 +15,7 @@ CABINETS = "ABCD"
 OLD = 5.0
 
 _CODES = {"red": "31", "green": "32", "yellow": "33", "dim": "2", "bold": "1"}
-_STATE_COLOURS = {"ok": "green", "lost": "red", "fault": "red", "lock": "red", "anomaly": "yellow",
+STATE_COLOURS = {"ok": "green", "lost": "red", "fault": "red", "lock": "red", "anomaly": "yellow",
                   "warning": "yellow"}
 
 
@@ -37,7 +37,8 @@ def _mean(tenths):
     return sum(tenths) / (10 * len(tenths))
 
 
-def _flags(box):
+def flags(box):
+    """Short words for what stands out in a cabinet's record."""
     ups = box.Ups
     shown = [("status.Output_Powered", "powered"), ("status.Battery_Working", "ON BATTERY"),
              ("status.On_Bypass", "BYPASS"), ("status.SWMB", "MANUAL BYPASS"),
@@ -94,7 +95,7 @@ def take(gateway):
 
 def _cabinet_row(look, letter, paint, notes):
     state = look.state(letter)
-    name = "%s  %s" % (paint("bold", letter), paint(_STATE_COLOURS.get(state), "%-8s" % state))
+    name = "%s  %s" % (paint("bold", letter), paint(STATE_COLOURS.get(state), "%-8s" % state))
     node = look.tree.cabinet(letter) if look.tree else None
     if node is None:
         return "%s %s" % (name, paint("dim", "not in the plant" if look.tree else "no data"))
@@ -108,7 +109,7 @@ def _cabinet_row(look, letter, paint, notes):
     row = "%s %5.1f %4.1f  %s  %s %5.1f %4.1f  %3d %+6.1f %3d %3d  %2d %3.0f  " % (
         _three(ups.Vin), _mean(ups.Iin), ups.Frq_in / 10, _three(ups.Load), _three(ups.Vout), _mean(ups.Iout),
         ups.Frq_out / 10, ups.VbatRS, ups.Ibatp / 10, ups.Carica_adj, ups.Aut_time, ups.Temp0, max(0, age))
-    return "%s %s%s" % (name, row if state != "lost" else paint("dim", row), _flags(box))
+    return "%s %s%s" % (name, row if state != "lost" else paint("dim", row), flags(box))
 
 
 _HEAD = ("            --------- in --------  -- load --  -------- out --------  ----- battery -----",

@@ -207,3 +207,20 @@ def test_a_disturbed_bus_spoils_so_many_transmissions(bus):
     bus.loop.invoke(sender.send, bytes(1000))
     wait_until(lambda: len(ear.data()) == 5000)
     assert not any(ear.data()[4000:])
+
+
+def test_an_unplugged_endpoint_is_neither_heard_nor_hears(bus):
+    ear, other = bus.attach(Listener()), bus.attach(Listener("other"))
+    port = bus.pty("port")
+    fd = os.open(port.path, os.O_RDWR | os.O_NOCTTY)
+    bus.detach(port)
+    bus.loop.invoke(other.send, b"unheard")
+    os.write(fd, b"lost")
+    wait_until(lambda: not port.waiting())
+    assert ear.data() == b"unheard"
+    bus.attach(port)
+    bus.loop.invoke(other.send, b"heard")
+    os.write(fd, b"again")
+    wait_until(lambda: ear.data() == b"unheardheardagain")
+    assert os.read(fd, 100) == b"heard"
+    os.close(fd)
