@@ -81,19 +81,9 @@ def _events(scene, options):
             lambda: setattr(scene.plant, "mains", False), lambda: setattr(scene.plant, "mains", True),
             lambda looks: all(look.status and look.status["BATTERYWORK"] for look in looks.values())))
     if options.module_dies:
-        module = scene.modules[options.module_dies]
-        events.append(Event(
-            "the module of %s is dead" % options.module_dies, DEAD_FOR,
-            lambda: setattr(module, "silent", True), lambda: setattr(module, "silent", False),
-            _without_data(options.module_dies)))
+        events.append(_dies(scene, options.module_dies))
     if options.refuse:
-        last = letters[-1]
-        module = scene.modules[last]
-        events.append(Event(
-            "the module of %s refuses everything with code %s" % (last, options.refuse), REFUSING_FOR,
-            lambda: module.refuse(options.refuse), module.clear_faults,
-            # A module that is busy is not lost: its values stand, and that is all.
-            None if options.refuse == BUSY else _without_data(last)))
+        events.append(_refuses(scene, letters[-1], options.refuse))
     return events
 
 
@@ -106,6 +96,19 @@ def _cut_off(scene, letter):
                 and all(beliefs.belief(looks[card], letter).state == beliefs.LOST for card in others))
     return Event("card %s is cut off from the bus" % letter, CUT_OFF_FOR, lambda: scene.bus.detach(port),
                  lambda: scene.bus.attach(port), seen, notice=CUT_OFF_FOR)
+
+
+def _dies(scene, letter):
+    module = scene.modules[letter]
+    return Event("the module of %s is dead" % letter, DEAD_FOR, lambda: setattr(module, "silent", True),
+                 lambda: setattr(module, "silent", False), _without_data(letter))
+
+
+def _refuses(scene, letter, code):
+    module = scene.modules[letter]
+    # A module that is busy is not lost: its values stand, and that is all there is to see.
+    return Event("the module of %s refuses everything with code %s" % (letter, code), REFUSING_FOR,
+                 lambda: module.refuse(code), module.clear_faults, None if code == BUSY else _without_data(letter))
 
 
 def _without_data(letter):
