@@ -24,5 +24,8 @@ The modules, from the bottom up:
   sandbox, jail    a private view of the machine for one daemon: devices, status file, segments, clock, halt
   gateway          the real daemon in a sandbox, with what it publishes
   view             the live picture on a terminal
+  beliefs          what several cards believe of the same plant, and where they differ
+  scene            the bus with its gateways, cabinets and modules
+  system           the whole system: four cards with their modules, and what befalls them
   run              the entry of the demonstration: python3 -m sim.run
 """

@@ -66,9 +66,9 @@ def differences(looks):
     return told
 
 
-_CELL = "%-8s %3d V %3d%% %3d%%"
+_CELL = "%-8s%3dV%4d%%%4d%%"
 _CELL_WIDTH = len(_CELL % ("", 0, 0, 0))
-_NAME_WIDTH = 27
+_NAME_WIDTH = 26
 
 
 def _cell(one, common, paint):
@@ -85,14 +85,14 @@ def _cell(one, common, paint):
 def picture(looks, modules, title, paint=Painter(False), footer=()):
     """The picture as a list of lines. `modules` maps letters to what the modules themselves are: texts."""
     lines = [paint("bold", title), ""]
-    lines.append(paint("dim", "%-*s" % (_NAME_WIDTH, "cabinet  its module")
-                       + "   ".join("%-*s" % (_CELL_WIDTH, "card " + card) for card in looks)))
+    lines.append(paint("dim", "%-*s" % (_NAME_WIDTH, "    its module")
+                       + "  ".join("%-*s" % (_CELL_WIDTH, "card " + card) for card in looks)))
     for cabinet in looks:
         beliefs = {card: belief(look, cabinet) for card, look in looks.items()}
         known = [(card, (b.state, b.flags)) for card, b in beliefs.items() if b is not UNKNOWN]
         common = _groups(known)[0][0] if known else None
-        row = "%s        %-*s" % (paint("bold", cabinet), _NAME_WIDTH - 9, modules[cabinet])
-        lines.append(row + "   ".join(_cell(b, common, paint) for b in beliefs.values()))
+        row = "%s   %-*s" % (paint("bold", cabinet), _NAME_WIDTH - 4, modules[cabinet])
+        lines.append(row + "  ".join(_cell(b, common, paint) for b in beliefs.values()))
     lines += ["", paint("dim", "card  file     out            load             power  battery            min  C")]
     lines += [_card_row(card, look, paint) for card, look in looks.items()]
     lines.append("")

@@ -88,7 +88,7 @@ def test_differences_are_told():
 def test_the_picture_shows_all_of_it():
     modules = {letter: "mains  96%" for letter in "ABCD"}
     shown = "\n".join(beliefs.picture(looks(A=look(alarms=["MODULE_3_LOST"])), modules, "title", footer=["the end"]))
-    for text in ("title", "card D", "mains  96%", "lost     230 V  42%  96%", "MODULE_3_LOST", "Differences",
+    for text in ("title", "card D", "mains  96%", "lost    230V  42%  96%", "MODULE_3_LOST", "Differences",
                  "lost powered for A", "the end"):
         assert text in shown
     beliefs.picture({"A": Look(None, None, None)}, modules, "nothing yet")
