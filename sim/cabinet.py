@@ -112,7 +112,7 @@ class Fault:
 
 
 class Cabinet(Node):
-    """A card at 0xEA to 0xED, given as letter, index or address.
+    """A card at 0xEA to 0xED, given as letter or address.
 
     Records, read at each answer: `identification`, `nominal`, `status` (CabinetStatus), `idu`. `model`, if set, is
     called with the cabinet before each BN and BS answer to bring the records up to date. `turnaround` is the pause
@@ -213,7 +213,7 @@ class Cabinet(Node):
     # The master. These are for other threads than the loop's, but for the pollers.
 
     def send_frame(self, dest, command, data=b""):
-        """Puts one frame on the bus; `dest` as a letter, an index or an address."""
+        """Puts one frame on the bus; `dest` as a letter or an address."""
         self.send_raw(frames.encode(self.address, dest, command, data))
 
     def send_raw(self, data):

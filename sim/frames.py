@@ -26,10 +26,8 @@ REPLY_LENGTH = {"BN": 20, "BS": 268, "BI": 98, "CH": 1, "CU": 1, "GI": 64, "GS":
 
 
 def address(cabinet):
-    """Bus address of a cabinet given as a letter, an index 0 to 3 or an address already."""
-    if isinstance(cabinet, str):
-        return FIRST_CABINET + ord(cabinet) - ord("A")
-    return cabinet if cabinet > 3 else FIRST_CABINET + cabinet
+    """Bus address of a cabinet given as a letter, or as the address already."""
+    return FIRST_CABINET + ord(cabinet) - ord("A") if isinstance(cabinet, str) else cabinet
 
 
 def letter(addr):

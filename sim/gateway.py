@@ -44,11 +44,13 @@ class Gateway:
 
     card: the letter of its cabinet, whose module ID it gets unless `module_id` says otherwise. mask, mode,
     module_baud: the arguments of that name. bus_name, module_name: the device names inside. directory: where the
-    sandbox goes, a new one under the build directory if None. keep: leave that directory for a look.
+    sandbox goes, a new one under the build directory if None. keep: leave that directory for a look. adjtime_errno:
+    adjtime fails with it. trace: keep the times of writes, see `writes`.
     """
 
     def __init__(self, bus, card="A", mask="1111", mode="false", module_id=None, module_baud=1200, build=None,
-                 directory=None, keep=False, bus_name="/dev/ttyB1", module_name="/dev/ttyM1", adjtime_errno=0):
+                 directory=None, keep=False, bus_name="/dev/ttyB1", module_name="/dev/ttyM1", adjtime_errno=0,
+                 trace=False):
         self.card = card
         self.mask = mask
         self.mode = mode
@@ -58,6 +60,7 @@ class Gateway:
         self.bus_name = bus_name
         self.module_name = module_name
         self.adjtime_errno = adjtime_errno
+        self.trace = trace
         self.build = os.path.abspath(build or default_build())
         self.program = None
         self._runs = 0
@@ -87,7 +90,7 @@ class Gateway:
         name = "log-%d" % self._runs
         self.log = LogFile(os.path.join(self.sandbox.directory, name))
         shim = os.path.join(self.build, SHIM)
-        env = self.sandbox.environment(shim, self.bus.baud, self.adjtime_errno)
+        env = self.sandbox.environment(shim, self.bus.baud, self.adjtime_errno, self.trace)
         self.started_at = time.monotonic()
         self.program = self.sandbox.spawn([self.binary] + (self.arguments if arguments is None else arguments), env,
                                           stderr=name)
@@ -144,6 +147,11 @@ class Gateway:
                 raise AssertionError("no such %s within %g s; the last: %s\nthe log's end:\n%s"
                                      % (name, timeout, told, self.log.tail() if self.log else ""))
             time.sleep(0.02)
+
+    def writes(self):
+        """When the daemon wrote to the bus, and how much: (monotonic seconds, bytes) pairs. Only with `trace`: the bus
+        itself learns of a write a little later."""
+        return self.sandbox.writes(self.bus_port.path)
 
     # The world around it.
 

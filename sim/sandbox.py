@@ -136,6 +136,7 @@ class Sandbox:
         self.bin = self._make("bin")
         self.marks_path = os.path.join(self.directory, "marks")
         self.clock_calls_path = os.path.join(self.directory, "clock-calls")
+        self.writes_path = os.path.join(self.directory, "writes")
         self.clock = WallClock(os.path.join(self.directory, "clock"))
         for name in ("halt", "reboot"):
             path = os.path.join(self.bin, name)
@@ -197,13 +198,16 @@ class Sandbox:
 
     # Programs.
 
-    def environment(self, shim=None, baud=0, adjtime_errno=0, extra=None):
-        """The environment of a program inside: PATH with the harmless halt first, and the shim with its settings."""
+    def environment(self, shim=None, baud=0, adjtime_errno=0, trace=False, extra=None):
+        """The environment of a program inside: PATH with the harmless halt first, and the shim with its settings;
+        `trace` keeps the times of writes to terminals."""
         env = {"PATH": self.bin + ":/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C"}
         if "TZ" in os.environ:
             env["TZ"] = os.environ["TZ"]
         if shim:
             env.update(LD_PRELOAD=shim, CARD_SHIM_LOG=self.clock_calls_path, CARD_SHIM_CLOCK=self.clock.path)
+            if trace:
+                env["CARD_SHIM_WRITES"] = self.writes_path
             if baud:
                 env["CARD_SHIM_BAUD"] = str(baud)
             if adjtime_errno:
@@ -227,6 +231,11 @@ class Sandbox:
         """The calls that would have touched the clock, as lists such as ["adjtime", -1, -500000]."""
         calls = [line.split() for line in _lines(self.clock_calls_path)]
         return [[name] + [int(value) for value in values] for name, *values in calls]
+
+    def writes(self, device):
+        """When and how much a traced program wrote to a terminal: (monotonic seconds, bytes) pairs."""
+        lines = [line.split() for line in _lines(self.writes_path)]
+        return [(float(when), int(count)) for when, name, count in lines if name == device]
 
     # Segments.
 

@@ -10,6 +10,7 @@
  *   CARD_SHIM_BAUD   if set, what is written to a terminal takes ten bits a byte at this speed until tcdrain returns;
  *                    a pseudo-terminal by itself drains at once. It is the speed of a terminal that is set to 9600
  *                    baud; one that is set to another speed is so many times faster or slower.
+ *   CARD_SHIM_WRITES file that gets a line for each write to a line: monotonic time, device, bytes
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -37,25 +38,37 @@ struct wall {
 
 static volatile struct wall* wall;
 static const char* log_path;
+static const char* writes_path;
 static int adjtime_errno;
 static double byte_seconds;
 static double busy_until[MAX_FD];
-/* Seconds that a byte takes on a line; 0 for a descriptor that isn't known to be one. */
+/* Descriptors known to be lines, and the seconds that a byte takes on them. */
+static char is_line[MAX_FD];
 static double line_seconds[MAX_FD];
 
-static int (*real_clock_gettime)(clockid_t, struct timespec*);
-static ssize_t (*real_write)(int, const void*, size_t);
-static int (*real_close)(int);
+/* The C library's own functions, looked up at their first use: other libraries call them while they are being set
+ * up, before this one is. */
+static int real_clock_gettime(clockid_t id, struct timespec* ts) {
+    static int (*real)(clockid_t, struct timespec*);
+    if (!real) real = (int (*)(clockid_t, struct timespec*))dlsym(RTLD_NEXT, "clock_gettime");
+    return real(id, ts);
+}
 
-static void* next_symbol(const char* name) {
-    return dlsym(RTLD_NEXT, name);
+static ssize_t real_write(int fd, const void* data, size_t count) {
+    static ssize_t (*real)(int, const void*, size_t);
+    if (!real) real = (ssize_t(*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write");
+    return real(fd, data, count);
+}
+
+static int real_close(int fd) {
+    static int (*real)(int);
+    if (!real) real = (int (*)(int))dlsym(RTLD_NEXT, "close");
+    return real(fd);
 }
 
 __attribute__((constructor)) static void set_up(void) {
-    real_clock_gettime = (int (*)(clockid_t, struct timespec*))next_symbol("clock_gettime");
-    real_write = (ssize_t(*)(int, const void*, size_t))next_symbol("write");
-    real_close = (int (*)(int))next_symbol("close");
     log_path = getenv("CARD_SHIM_LOG");
+    writes_path = getenv("CARD_SHIM_WRITES");
     const char* number = getenv("CARD_SHIM_ERRNO");
     adjtime_errno = number ? atoi(number) : 0;
     number = getenv("CARD_SHIM_BAUD");
@@ -71,15 +84,18 @@ __attribute__((constructor)) static void set_up(void) {
     }
 }
 
-static void note(const char* format, long long a, long long b) {
-    if (!log_path) return;
-    int fd = open(log_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+static void append(const char* path, const char* line, int n) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) return;
-    char line[128];
-    int n = snprintf(line, sizeof line, format, a, b);
     ssize_t written = real_write(fd, line, (size_t)n);
     (void)written;
     real_close(fd);
+}
+
+static void note(const char* format, long long a, long long b) {
+    if (!log_path) return;
+    char line[128];
+    append(log_path, line, snprintf(line, sizeof line, format, a, b));
 }
 
 /* The wall clock as the daemon is to see it. */
@@ -114,13 +130,9 @@ EXPORT int gettimeofday(struct timeval* restrict tv, void* restrict zone) {
 }
 
 EXPORT int clock_gettime(clockid_t id, struct timespec* ts) {
-    if (id == CLOCK_REALTIME && real_clock_gettime) {
-        tell_wall(ts);
-        return 0;
-    }
-    if (!real_clock_gettime) /* called before this library's own constructor */
-        real_clock_gettime = (int (*)(clockid_t, struct timespec*))next_symbol("clock_gettime");
-    return real_clock_gettime(id, ts);
+    if (id != CLOCK_REALTIME) return real_clock_gettime(id, ts);
+    tell_wall(ts);
+    return 0;
 }
 
 EXPORT int adjtime(const struct timeval* delta, struct timeval* old) {
@@ -165,10 +177,17 @@ static double now_seconds(void) {
 }
 
 EXPORT ssize_t write(int fd, const void* data, size_t count) {
-    if (!real_write) real_write = (ssize_t(*)(int, const void*, size_t))next_symbol("write");
+    int line = fd >= 0 && fd < MAX_FD && is_line[fd];
+    double now = line ? now_seconds() : 0;
     ssize_t n = real_write(fd, data, count);
-    if (n > 0 && byte_seconds > 0 && fd >= 0 && fd < MAX_FD && line_seconds[fd] > 0) {
-        double now = now_seconds();
+    if (line && writes_path) {
+        char text[128], device[64];
+        int saved = errno;
+        if (ttyname_r(fd, device, sizeof device) != 0) device[0] = 0;
+        append(writes_path, text, snprintf(text, sizeof text, "%.6f %s %zd\n", now, device, n));
+        errno = saved;
+    }
+    if (line && n > 0 && line_seconds[fd] > 0) {
         if (busy_until[fd] < now) busy_until[fd] = now;
         busy_until[fd] += (double)n * line_seconds[fd];
     }
@@ -176,9 +195,8 @@ EXPORT ssize_t write(int fd, const void* data, size_t count) {
 }
 
 EXPORT int close(int fd) {
-    if (!real_close) real_close = (int (*)(int))next_symbol("close");
     if (fd >= 0 && fd < MAX_FD) {
-        line_seconds[fd] = 0;
+        is_line[fd] = 0;
         busy_until[fd] = 0;
     }
     return real_close(fd);
@@ -201,7 +219,10 @@ static double baud_of(int fd) {
 EXPORT int tcdrain(int fd) {
     if (!isatty(fd)) return -1; /* with the errno that the driver would give: EBADF, ENOTTY, EIO */
     if (fd >= MAX_FD) return 0;
-    if (line_seconds[fd] == 0) line_seconds[fd] = byte_seconds * 9600 / baud_of(fd);
+    if (!is_line[fd]) {
+        is_line[fd] = 1;
+        line_seconds[fd] = byte_seconds * 9600 / baud_of(fd);
+    }
     double left = busy_until[fd] - now_seconds();
     if (left <= 0) return 0;
     struct timespec ts = {(time_t)left, (long)((left - (double)(time_t)left) * 1e9)};
