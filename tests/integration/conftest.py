@@ -3,8 +3,10 @@
 import itertools
 import os
 import shutil
+import time
 
 import pytest
+import watcher as watching
 
 from sim.bus import Bus
 from sim.cabinet import Cabinet
@@ -12,6 +14,7 @@ from sim.gateway import Gateway, default_build
 from sim.loop import Loop
 from sim.module import Module
 from sim.plant import CabinetModel, Plant
+from sim.records import Nominal
 
 _numbers = itertools.count(1)
 
@@ -88,7 +91,7 @@ def cabinets(bus):
 
 
 @pytest.fixture
-def make_gateway(request, build, workdir):
+def make_gateway(request, build, workdir, make_bus):
     """make_gateway(bus, card="A", mask="1111", start=True, ...): a real gateway on a bus, options as of
     sim.gateway.Gateway; started unless told otherwise, ended and cleaned up after the test."""
     gateways = []
@@ -122,6 +125,34 @@ def module(request):
         _watched(request).append((line.name, line.transcript))
         return line.attach(Module(**options))
     return attach
+
+
+@pytest.fixture
+def make_watcher(bus, cabinets, gateway):
+    """make_watcher("ABCD"): a card that belongs to no cabinet and sums up the reports of these simulated ones
+    (watcher.Watcher)."""
+    def make(letters="ABCD"):
+        mask = "1" + "".join("1" if c in letters else "0" for c in "BCD")
+        others = cabinets(letters)
+        for index, (letter, cabinet) in enumerate(others.items()):
+            cabinet.status = watching.healthy(letter, index)
+            cabinet.nominal = Nominal(timestamp=1, VA=40000 + index, W=36000 + index)
+            cabinet.idu = 255
+        card = gateway(module_id="7", mask=mask, start=False)
+        card.clock.freeze(watching.NOW)
+        card.start()
+        card.log.wait_message("Add Query BN to 0x%02X" % (0xEA + "ABCD".index(letters[-1])))
+        time.sleep(0.05)
+        watcher = watching.Watcher(card, others)
+        watcher.report()
+        return watcher
+    return make
+
+
+@pytest.fixture
+def watcher(make_watcher):
+    """Such a card in a plant of four."""
+    return make_watcher()
 
 
 def _watched(request):
