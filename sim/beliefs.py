@@ -6,10 +6,14 @@ its way; when one falls silent, or a line breaks, they come apart in ways that a
 
 from collections import namedtuple
 
-from sim.view import CABINETS, OLD, Painter, STATE_COLOURS, flags
+from sim.view import CABINETS, Painter, STATE_COLOURS, flags
+
+# Seconds after which a file or values count as left standing. The master waits for a lost cabinet twice in a round,
+# three seconds each, and nobody else writes then: that is not meant.
+OLD = 10.0
 
 # What a card believes of a cabinet: a word, the flags that it knows of, the age of the module's data in seconds (None:
-# there are none), output volts, load and charge in per cent.
+# there are none), output volts, the load of the fullest phase and the battery's charge in per cent.
 Belief = namedtuple("Belief", "state flags age volts load charge")
 UNKNOWN = Belief("-", "", None, 0, 0, 0)
 LOST = "lost"
@@ -29,7 +33,7 @@ def belief(look, letter):
     else:
         state = look.state(letter)
     age = max(0.0, look.time - ups.timestamp) if ups.timestamp else None
-    return Belief(state, flags(node.box), age, round(sum(ups.Vout) / 3), ups.maxLoad, ups.Carica_adj)
+    return Belief(state, flags(node.box), age, round(sum(ups.Vout) / 3), max(ups.Load), ups.Carica_adj)
 
 
 def good(look, letter):
@@ -49,8 +53,8 @@ def differences(looks):
     """Where the cards come apart, as sentences. `looks` maps the cards' letters to Looks."""
     told = []
     for card, look in looks.items():
-        if look.status is not None and not look.fresh:
-            told.append("card %s has not written for %.0f s" % (card, look.file_age or 0.0))
+        if look.status is not None and (look.file_age or 0.0) > OLD:
+            told.append("card %s has not written for %.0f s" % (card, look.file_age))
     for cabinet in looks:
         beliefs = [(card, belief(look, cabinet)) for card, look in looks.items()]
         known = [(card, b) for card, b in beliefs if b is not UNKNOWN]
@@ -118,9 +122,12 @@ def _card_row(card, look, paint):
 
 
 def one_line(looks, elapsed):
-    """The same in one plain line: each card with the age of its file and its beliefs of all cabinets."""
+    """The same in one plain line: each card with the age of its file, its beliefs of all cabinets, and the plant's
+    battery as it has it."""
     cards = []
     for card, look in looks.items():
-        age = "%.1f s" % max(0.0, look.file_age) if look.status is not None else "no file"
-        cards.append("%s (%s) %s" % (card, age, " ".join(belief(look, cabinet).state for cabinet in looks)))
+        age, charge = "no file", ""
+        if look.status is not None:
+            age, charge = "%.1f s" % max(0.0, look.file_age), " %d%%" % look.status["BATTERYESTCHARG"]
+        cards.append("%s (%s) %s%s" % (card, age, " ".join(belief(look, cabinet).state for cabinet in looks), charge))
     return "%6.1f s  %s  |  %s" % (elapsed, "  ".join(cards), "; ".join(differences(looks)) or "all agree")

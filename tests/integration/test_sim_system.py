@@ -27,7 +27,7 @@ def look(card="A", alarms=(), file_age=0.2, change=None, cabinets="ABCD"):
     for letter, node in zip(cabinets, nodes[2:]):
         box = boxes[letter] = node.box
         box.set("UPSShelter.alarmSt", 4)
-        box.Ups.timestamp, box.Ups.Vout, box.Ups.maxLoad, box.Ups.Carica_adj = NOW - 1, [230, 231, 229], 42, 96
+        box.Ups.timestamp, box.Ups.Vout, box.Ups.Load, box.Ups.Carica_adj = NOW - 1, [230, 231, 229], [40, 42, 41], 96
         box.Ups.set("status.Output_Powered")
     if change:
         change(root, boxes)
