@@ -18,6 +18,9 @@
 #include "Config/SysCfgMgr.h"
 
 class VirtualUPSMgr;
+namespace aggr {
+struct Pass;
+}
 
 enum CABP_status_e : uint8 { Slave = 0, Master = 1 };
 
@@ -133,9 +136,15 @@ class CABPMgr : public QueuesMgr, public ClockMgr {
     void sysMCUUnlock();
 
     // Aggregation. On the bus thread only.
+    /// Folds the cabinets' records into the system's and writes the status file; at most once in 201 ms, otherwise it
+    /// returns at once, as without a tree. Takes mutexCABPData for the whole pass, the file included.
     void AggregateBox();
+    // The states of the elements in the tree; the caller holds mutexCABPData.
+    /// The system's view of each cabinet.
     void updateItems();
+    /// The cabinet's view of its module, by the age of its data. `boxCh` is 'A' to 'D'.
     void checkUpsBoxSubSystem(uint8 boxCh);
+    /// The system's view of the cabinets once its own data are too old.
     void checkSysSubSystem();
 
     upsBoxQueriesData_t upsBox[MAXUPSBOX];  // by cabinet index; guarded by mutexCABPData
@@ -171,6 +180,15 @@ class CABPMgr : public QueuesMgr, public ClockMgr {
     QMutex mutexDiag;  // leaf: the two texts
 
   private:
+    // Steps of the aggregation; `now` is the wall time of the pass.
+    void updateItems(time32_t now);
+    void checkUpsBoxSubSystem(uint8 boxCh, time32_t now);
+    void checkSysSubSystem(time32_t now);
+    void scanContributors(aggr::Pass& pass);
+    void scanSwitches(aggr::Pass& pass);
+    void answerConfigUpdate(int id);
+    void publish(aggr::Pass& pass, virtualNode_t& root);
+    void writeStatusFile(time32_t now, const descSys_t& tempSys, const virtualNode_t& root);
     // Steps of the roles.
     void pushConfigurations();
     bool drainAsyncQC();
