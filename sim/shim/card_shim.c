@@ -179,14 +179,12 @@ static double now_seconds(void) {
 EXPORT ssize_t write(int fd, const void* data, size_t count) {
     int line = fd >= 0 && fd < MAX_FD && is_line[fd];
     double now = line ? now_seconds() : 0;
-    ssize_t n = real_write(fd, data, count);
-    if (line && writes_path) {
+    if (line && writes_path) { /* first, so that whoever has heard the bytes finds the line */
         char text[128], device[64];
-        int saved = errno;
         if (ttyname_r(fd, device, sizeof device) != 0) device[0] = 0;
-        append(writes_path, text, snprintf(text, sizeof text, "%.6f %s %zd\n", now, device, n));
-        errno = saved;
+        append(writes_path, text, snprintf(text, sizeof text, "%.6f %s %zu\n", now, device, count));
     }
+    ssize_t n = real_write(fd, data, count);
     if (line && n > 0 && line_seconds[fd] > 0) {
         if (busy_until[fd] < now) busy_until[fd] = now;
         busy_until[fd] += (double)n * line_seconds[fd];
