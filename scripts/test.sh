@@ -25,7 +25,8 @@ if [ "$quick" ]; then
     ctest --test-dir build -j "$jobs" -L unit --output-on-failure
     exit
 fi
-with_namespaces ctest --test-dir build -j "$jobs" --output-on-failure || failed="$failed dev"
+# The integration tests mostly wait.
+with_namespaces ctest --test-dir build -j "$((2 * jobs))" --output-on-failure || failed="$failed dev"
 
 cmake --preset asan
 cmake --build --preset asan -j "$jobs" --target unit_tests
