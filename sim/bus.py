@@ -75,9 +75,12 @@ class PtyPort(Node):
 
     def attached(self, bus):
         super().attached(bus)
-        bus.loop.add_reader(self.master, self._readable)
+        bus.loop.add_reader(self.master, self.take)
 
-    def _readable(self):
+    def take(self):
+        """Puts on the bus what the far side has written."""
+        if self.master is None:
+            return
         try:
             data = os.read(self.master, 4096)
         except BlockingIOError:
@@ -319,7 +322,8 @@ class Bus:
     # Listening; for any thread.
 
     def mark(self):
-        """A place in the record, for `since`."""
+        """A place in the record, for `since`, behind all that has been written to the ports so far."""
+        self.loop.invoke(lambda: [node.take() for node in list(self.endpoints) if isinstance(node, PtyPort)])
         with self._changed:
             return self._numbered
 

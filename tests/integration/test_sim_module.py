@@ -627,6 +627,7 @@ def test_both_ways_take_the_time_of_the_line(loop, baud):
         asked, answered = line.module.asked[0], line.module.answered[0]
         assert asked.time - asked.start == pytest.approx(12 * 10 / baud)
         assert 0.019 < answered.time - asked.time < 0.250
+        line.bus.loop.invoke(lambda: None)  # the last byte may have reached the card before the ear
         assert len(ear.times) == 46
         heard = line.bus.frames()
         assert [h.sender for h in heard] == ["card", "module"]

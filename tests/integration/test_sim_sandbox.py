@@ -46,6 +46,7 @@ def test_device_names_are_private_and_open_as_ports(sandbox, bus):
     assert [line for line in output(sandbox, "ls /dev") if line.startswith("tty")] == ["tty", "ttyB1", "ttyQX1",
                                                                                        "ttyQX4"]
     output(sandbox, "printf abc > /dev/ttyQX4")
+    bus.mark()
     assert bytes(bus.pieces[0].data) == b"abc"
     assert not os.path.exists("/dev/ttyQX1")
     sandbox.unlink("/dev/ttyQX1")

@@ -156,8 +156,9 @@ def test_own_silence_of_a_query_to_others(bus, master, slave):
 def test_takes_the_role_by_name(bus, master, slave):
     master.hand_over("C")
     silent(bus, slave)
+    mark = bus.mark()
     master.hand_over("B")
-    heard = bus.wait("B BN")
+    heard = bus.wait("B BN", since=mark)
     assert heard.frame.dest == 0xEA, "its walk begins at the first cabinet"
 
 
