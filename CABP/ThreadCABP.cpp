@@ -14,6 +14,7 @@ namespace {
 // All in ms but where told otherwise.
 constexpr unsigned long UNKNOWNSTATEPAUSE_S = 2;
 constexpr unsigned long FAILEDQUERYPAUSE = 250;  // also of a bus port that is gone
+constexpr unsigned long DEADPORTPAUSE = 1000;    // after a query that neither went out nor counts
 constexpr unsigned long ROLEPAUSE = 20;          // around a hand-over, done or refused
 // The shortest frame takes 10 ms at the speed of the bus: a turn that failed earlier found no port to send on.
 constexpr int64_t SHORTESTEXCHANGE = 5;
@@ -311,6 +312,7 @@ void CABPMgr::foldForcedOnBypass() {
 }
 
 int CABPMgr::ManageCmd(QCMgr* elem) {
+    const struct timespec begun = monotonicNow();
     myMutexLocker channel(mutexCABPChannel);
     saveCurrPck(elem);
     const int ret = CABP_ManageQuery(*elem);
@@ -319,6 +321,11 @@ int CABPMgr::ManageCmd(QCMgr* elem) {
     yieldCurrentThread();
     if (elem->QC.Dest == BROADCAST) {
         return ret;
+    }
+    // Without a tree no node is active and no failure counts: on a dead port nothing else would pace the walks.
+    const bool isUncounted = elem->pCommStatus != nullptr && !elem->pCommStatus->active;
+    if (ret == FAIL && isUncounted && elapsedMs(begun) < SHORTESTEXCHANGE) {
+        msleep(DEADPORTPAUSE);
     }
     const myMutexLocker data(mutexCABPData);
     if (elem->pCommStatus == nullptr) {

@@ -157,7 +157,10 @@ ssize_t writeWaiting(int fd, const uint8* buf, size_t len) {
             done += static_cast<size_t>(n);
             continue;
         }
-        if (n == 0 && len > 0) {
+        if (n == 0 && len == 0) {
+            return 0;
+        }
+        if (n == 0) {
             errno = EIO;  // a port that takes nothing and says nothing: no caller could ever finish with it
             break;
         }
@@ -171,7 +174,7 @@ ssize_t writeWaiting(int fd, const uint8* buf, size_t len) {
         }
         break;
     } while (done < len);
-    return done > 0 || len == 0 ? static_cast<ssize_t>(done) : -1;
+    return done > 0 ? static_cast<ssize_t>(done) : -1;
 }
 
 }  // namespace
