@@ -20,6 +20,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/timex.h>
@@ -214,6 +215,15 @@ static double baud_of(int fd) {
 }
 
 /* A port is drained before each write, so the first drain tells which descriptors are lines. */
+/* A pseudo-terminal drains at once, into a queue that a late reader still has before it: a flush of the output would
+ * take back what has left long ago on a serial line. The daemon drains before it flushes, so only input is left. */
+EXPORT int tcflush(int fd, int queue) {
+    if (queue == TCOFLUSH) {
+        return isatty(fd) ? 0 : -1;
+    }
+    return (int)ioctl(fd, TCFLSH, TCIFLUSH);
+}
+
 EXPORT int tcdrain(int fd) {
     if (!isatty(fd)) return -1; /* with the errno that the driver would give: EBADF, ENOTTY, EIO */
     if (fd >= MAX_FD) return 0;
