@@ -46,7 +46,7 @@ class RandomPasses : public AggregationTest, public testing::WithParamInterface<
         static const uint16 edges[] = {0,   1,   19,  20,  79,     80,     99,     100,
                                        101, 138, 139, 230, 0x7FFF, 0x8000, 0xFFFE, 0xFFFF};
         const uint16 value = oneIn(4) ? static_cast<uint16>(any(0x10000)) : edges[any(16)];
-        switch (any(14)) {
+        switch (any(16)) {
             case 0:
                 ups.Vin[any(3)] = value;
                 break;
@@ -185,9 +185,50 @@ class RandomPasses : public AggregationTest, public testing::WithParamInterface<
                 break;
         }
     }
+    /// What only shows between cabinets: the same thing at all of them, at some, at none.
+    void changeScene() {
+        static const uint16 batteries[] = {99, 100, 101, 270};
+        static const int ages[] = {0, 29, 30, 31, 720, 721};
+        const std::uint32_t scene = any(7);
+        const std::uint32_t chance = 1 + any(4);
+        const bool isPlant = oneIn(2);
+        for (const char letter : letters) {
+            descUpsBox_t& box = plant.box(letter).desc.upsBox;
+            const uint8 is = isPlant || any(4) < chance ? 1 : 0;
+            switch (scene) {
+                case 0:
+                    box.Ups.status.Battery_Working = is;
+                    box.Ups.alarm.Battery_Low = oneIn(2);
+                    break;
+                case 1:
+                    box.Ups.status.Output_Powered = is;
+                    break;
+                case 2:
+                    box.Ups.alarm.Lock = is;
+                    box.Ups.alarm.Bypass_Bad = oneIn(2);
+                    break;
+                case 3:
+                    box.externalSwitchStatus.SWIN = is;
+                    box.externalSwitchStatus.SWBYP = oneIn(2);
+                    box.externalSwitchStatus.SWBATT_EXT = oneIn(2);
+                    break;
+                case 4:
+                    box.Ups.status.SWMB = is;
+                    box.Ups.status.SWOUT = oneIn(2);
+                    break;
+                case 5:
+                    box.Ups.Vbatp = batteries[any(4)];
+                    break;
+                default:
+                    box.Ups.timestamp = now() - ages[any(6)];
+                    plant.comm(letter).errorPck = static_cast<int32>(any(2));
+                    break;
+            }
+        }
+    }
     void changePlant() {
         PlantCfg& cfg = plant.cfg();
-        static const uint32 powers[] = {0, 1, 2, 3, 15000, 30000, 0x7FFFFFFF, 0xFFFFFFFF};
+        static const uint32 powers[] = {0, 1, 2, 3, 15000, 30000, 60000, 0xFFFFFFFF};
         switch (any(8)) {
             case 0:
                 cfg.WModule = powers[any(8)];
@@ -267,9 +308,12 @@ TEST_P(RandomPasses, LeaveWhatTheSlowModelLeaves) {
             if (!oneIn(8)) {
                 ups(letter).timestamp = now();
             }
-            if (oneIn(6)) {
+            if (oneIn(4)) {
                 changeCabinet(letter);
             }
+        }
+        if (oneIn(4)) {
+            changeScene();
         }
         if (oneIn(40)) {
             changePlant();
