@@ -136,19 +136,19 @@ TEST(Roles, FirstPromotionOfASlaveLeavesASingleShotOnTheLine) {
 }
 
 TEST(Roles, AreChangedUnderTheirLock) {
-    Plant plant;
+    Plant plant(0xEB);
     plant.in().mutexState->lock();
     std::atomic<bool> done{false};
     std::thread other([&] {
-        plant.bus().setState(Slave);
+        plant.bus().setState(Master);
         done = true;
     });
     poll(nullptr, 0, 20);  // real ms
     EXPECT_FALSE(done);
-    EXPECT_EQ(plant.in().state, Master);
+    EXPECT_EQ(plant.in().state, Slave);
     plant.in().mutexState->unlock();
     other.join();
-    EXPECT_EQ(plant.in().state, Slave);
+    EXPECT_EQ(plant.in().state, Master);
 }
 
 TEST(Roles, SingleShotOfADemotedSlaveWaitsForThePromotion) {
