@@ -57,8 +57,8 @@ bool isLineFault(uint8 fault) {
 
 // Commands that act on this card, its own or those to all nodes.
 bool isCommand(const pckStruct& query) {
-    static constexpr char commands[][2] = {{'S', 'C'}, {'C', 'U'}, {'C', 'N'}, {'C', 'H'}};
-    for (const char(&command)[2] : commands) {
+    static constexpr uint8 commands[][2] = {{'S', 'C'}, {'C', 'U'}, {'C', 'N'}, {'C', 'H'}};
+    for (const uint8(&command)[2] : commands) {
         if (query.MainCmd == command[0] && query.SubCmd == command[1]) {
             return true;
         }

@@ -62,7 +62,7 @@ void CABPMgr::clearLastErr() {
 }
 
 void CABPMgr::getDataShm(char* st) {
-    std::strcpy(st, "WAIT");
+    std::memcpy(st, "WAIT", sizeof("WAIT"));
 }
 
 void CABPMgr::lockCABPData() {

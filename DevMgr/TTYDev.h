@@ -59,8 +59,8 @@ struct ttyd_port_t {
 /// A new closed port ("/dev/null", 9600 8N1, no flow control), or null.
 ttyd_port_t* ttyd_init();
 /// Restores the settings found at start, closes and frees: ttyd_give_back and ttyd_discard. On a port that isn't open:
-/// nothing at all. A failed restore leaves the port open and allocated, unless the device is gone: then it is closed and
-/// freed all the same.
+/// nothing at all. A failed restore leaves the port open and allocated, unless the device is gone: then it is closed
+/// and freed all the same.
 void ttyd_end(ttyd_port_t* p);
 /// First half of the end, for a port that others still read from: empties the queues and restores the settings found
 /// at start, if they were ever read. 0, also if the device is gone; TTYD_ERR_CONFIG if the restore failed otherwise.
@@ -68,14 +68,14 @@ int32 ttyd_give_back(ttyd_port_t* p);
 /// Second half of the end: closes and frees without touching the line. Also for a port that never came to work, which
 /// ttyd_end leaves alone: its descriptor, if it has one, is closed silently.
 void ttyd_discard(ttyd_port_t* p);
-/// Opens `dev` with the port's settings. On failure the port stays closed; a descriptor it got stays open until the next
-/// ttyd_open or ttyd_discard.
+/// Opens `dev` with the port's settings. On failure the port stays closed; a descriptor it got stays open until the
+/// next ttyd_open or ttyd_discard.
 int32 ttyd_open(ttyd_port_t* p, bool withDBG);
 int32 ttyd_close(ttyd_port_t* p);
 /// Reads up to `buf_len` bytes. `timeout` (ms) is the longest gap without a byte, not a limit of the whole call.
 int32 ttyd_read_timeout(ttyd_port_t* p, uint8* buf, uint32 buf_len, uint32* read_len, uint32 timeout);
-/// One write, waiting for room where the driver's buffer is full; refuses (TTYD_ERR_WRITE, `*write_len` untouched) while
-/// input is waiting.
+/// One write, waiting for room where the driver's buffer is full; refuses (TTYD_ERR_WRITE, `*write_len` untouched)
+/// while input is waiting.
 int32 ttyd_write(ttyd_port_t* p, const uint8* buf, uint32 buf_len, uint32* write_len);
 /// Waits until all output has left.
 int32 ttyd_write_complete(ttyd_port_t* p);
