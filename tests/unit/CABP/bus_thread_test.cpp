@@ -179,6 +179,17 @@ TEST_P(BreakInTheLoop, IsToldAndMakesTheMasterASlave) {
 
 INSTANTIATE_TEST_SUITE_P(BySignalAndByTheDriversCounter, BreakInTheLoop, testing::Bool());
 
+// A card that is alone never receives, so only the loop itself looks for BREAKs.
+TEST(BusThread, BreakIsNoticedWhereNothingIsReceived) {
+    Plant plant(0xEA, "A");
+    const LogCapture log;
+    VirtualClock::after(1000000, [&] { plant.line().receiveBreak(); });
+    VirtualClock::after(3000000, [&] { plant.bus().Stop(); });
+    plant.bus().run();
+    EXPECT_TRUE(log.has("", "cntBreakDetect:1"));
+    EXPECT_EQ(plant.in().state, Slave);
+}
+
 TEST(BusThread, BreakOfASlaveForgetsTheMasterOnly) {
     Plant plant(0xED);
     plant.registerAll();

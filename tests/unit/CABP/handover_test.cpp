@@ -162,6 +162,17 @@ TEST_F(HandOver, FrameWithoutAWholeBuildCountsAsAnotherBuild) {
     EXPECT_EQ(plant.in().state, Slave);
 }
 
+TEST_F(HandOver, FrameWithoutAWholeBuildIsNotFilledUpToTheOwn) {
+    plant.sys().build = 0;
+    for (std::size_t size = 0; size < 4; ++size) {
+        plant.sys().cntForSameBuild = 0;
+        receive(Bytes(size, 0));
+        EXPECT_EQ(sameBuild(), 8) << size;
+    }
+    receive(Bytes(4, 0));
+    EXPECT_EQ(sameBuild(), 7) << "a whole one";
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 // What is copied
 

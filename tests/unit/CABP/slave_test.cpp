@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +23,7 @@ using support::VirtualClock;
 
 using Journal = std::vector<std::string>;
 Journal journal;
+std::function<void()> inAggregation;
 
 void note(const char* step, const pckStruct& q) {
     journal.push_back(QString::asprintf("%s %c%c %02X>%02X (%u)", step, q.MainCmd, q.SubCmd, q.Src, q.Dest, q.ParamLen)
@@ -45,6 +47,9 @@ void __wrap__ZN7CABPMgr12AggregateBoxEv(CABPMgr* bus) {
     const support::BusThread in(*bus);
     EXPECT_TRUE(in.mutexCABPData->tryLock()) << "it takes the lock itself";
     in.mutexCABPData->unlock();
+    if (inAggregation) {
+        inAggregation();
+    }
 }
 
 }  // extern "C"
@@ -56,6 +61,7 @@ class SlavePass : public testing::Test {
     explicit SlavePass(const std::string& boxes = "ABC") : plant(0xEB, boxes) {
         plant.registerAll();
         journal.clear();
+        inAggregation = nullptr;
     }
     Journal hear(const Bytes& frame) {
         journal.clear();
@@ -215,6 +221,7 @@ TEST_F(SlavePass, OverheardReplyIsStoredAndThenAggregated) {
     Bytes data(20);
     data[4] = 0x39;
     data[5] = 0x30;
+    inAggregation = [this] { EXPECT_EQ(plant.box('C').nominal.VA, 12345U); };
     EXPECT_EQ(hear(bus::frame(0xEC, 0xFF, "BN", data)), Journal{"AggregateBox"});
     EXPECT_EQ(plant.box('C').nominal.VA, 12345U);
     EXPECT_EQ(log.text(), "");
