@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "CABP/CABPInternal.h"
-#include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
 #include "Common/SysMgr.h"
 
@@ -141,8 +140,7 @@ struct DataRow {
 constexpr DataRow dataTable[] = {
     {'B', 'N', CABP_BNGetData}, {'B', 'S', CABP_BSGetData}, {'B', 'I', CABP_BIGetData}, {'C', 'H', acknowledge},
     {'C', 'U', acknowledge},    {'G', 'I', CABP_GIGetData}, {'O', 'R', nothing},        {'O', 'S', nothing},
-    {'Q', 'T', CABP_QTGetData}, {'S', 'C', acknowledge},    {'S', 'I', acknowledge},    {'T', 'B', acknowledge},
-    {'U', 'C', acknowledge},
+    {'S', 'C', acknowledge},    {'S', 'I', acknowledge},    {'T', 'B', acknowledge},    {'U', 'C', acknowledge},
 };
 
 }  // namespace
