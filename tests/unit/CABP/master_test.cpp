@@ -238,7 +238,7 @@ TEST_F(MasterPass, BreakEndsTheDrainAndTheRoundGoesOn) {
     addAsync("BI");
     addAsync("BS");
     world.results = {FAIL, FAIL};
-    world.inQuery = [this] {
+    world.inQuery = [] {
         if (world.journal.size() == 2) {
             cntBreakDetect = 1;
         }
