@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "CABP/CABPInternal.h"
+#include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
 #include "Common/SysMgr.h"
 
@@ -140,7 +141,8 @@ struct DataRow {
 constexpr DataRow dataTable[] = {
     {'B', 'N', CABP_BNGetData}, {'B', 'S', CABP_BSGetData}, {'B', 'I', CABP_BIGetData}, {'C', 'H', acknowledge},
     {'C', 'U', acknowledge},    {'G', 'I', CABP_GIGetData}, {'O', 'R', nothing},        {'O', 'S', nothing},
-    {'S', 'C', acknowledge},    {'S', 'I', acknowledge},    {'T', 'B', acknowledge},    {'U', 'C', acknowledge},
+    {'Q', 'T', CABP_QTGetData}, {'S', 'C', acknowledge},    {'S', 'I', acknowledge},    {'T', 'B', acknowledge},
+    {'U', 'C', acknowledge},
 };
 
 }  // namespace

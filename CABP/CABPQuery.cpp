@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "CABP/CABPInternal.h"
+#include "CABP/CABPTunnel.h"
 #include "DevMgr/ComDev.h"
 
 namespace {
@@ -48,6 +49,9 @@ int realDatalen(const QCMgr& q) {
 }  // namespace
 
 uint16 CABP_GetReplyDataLen(const pckStruct& qcs) {
+    if (CABP_IsTunnel(qcs)) {
+        return CABP_GetTunnelReplyDataLen(qcs);
+    }
     if (const LengthRow* const row = CABP_FindRow(lengthTable, qcs)) {
         return row->replyDataLen;
     }
@@ -79,6 +83,10 @@ int CABP_ManageQuery(const QCMgr& q) {
         }
     }
     DBG_E("FALLITO Comando %c%c inviato alla scheda 0x%02X\n", q.QC.MainCmd, q.QC.SubCmd, q.QC.Dest);
+    pckStruct inner;
+    if (CABP_IsTunnel(q.QC) && CABP_ExtractTunnelled(q.QC, inner)) {
+        DBG_E("Pacchetto incapsulato %c%c da '%c' per '%c'\n", inner.MainCmd, inner.SubCmd, inner.Src, inner.Dest);
+    }
     return FAIL;
 }
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "CABP/CABPInternal.h"
+#include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
 #include "Common/SysMgr.h"
 
@@ -143,8 +144,9 @@ struct ReplyRow {
 
 // What isn't listed is refused; the G commands, for one, are the SK boards' to answer.
 constexpr ReplyRow replyTable[] = {
-    {'B', 'N', CABP_BNReply}, {'B', 'S', CABP_BSReply}, {'B', 'I', CABP_BIReply}, {'C', 'H', acknowledge},
-    {'C', 'U', acknowledge},  {'S', 'C', acknowledge},  {'S', 'I', acknowledge},  {'U', 'C', CABP_UCReply},
+    {'B', 'N', CABP_BNReply}, {'B', 'S', CABP_BSReply}, {'B', 'I', CABP_BIReply},
+    {'C', 'H', acknowledge},  {'C', 'U', acknowledge},  {'Q', 'T', CABP_QTReply},
+    {'S', 'C', acknowledge},  {'S', 'I', acknowledge},  {'U', 'C', CABP_UCReply},
 };
 
 }  // namespace
@@ -164,6 +166,10 @@ int CABP_ManageReply(const pckStruct& qcs) {
     }
     if (ret != SUCC) {
         DBG_E("FALLITO Risposta %c%c inviato alla scheda 0x%02X\n", qcs.MainCmd, qcs.SubCmd, qcs.Src);
+        pckStruct inner;
+        if (CABP_IsTunnel(qcs) && CABP_ExtractTunnelled(qcs, inner)) {
+            DBG_E("Pacchetto incapsulato %c%c da '%c' per '%c'\n", inner.MainCmd, inner.SubCmd, inner.Src, inner.Dest);
+        }
         return FAIL;
     }
     return SUCC;

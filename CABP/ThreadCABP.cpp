@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "Common/SysMgr.h"
+#include "MLINK/ThreadMLINK.h"
 #include "Measure/elemDesc.h"
 
 namespace {
@@ -68,11 +69,6 @@ bool isCommand(const pckStruct& query) {
 
 bool isOfGroupMaster(uint8 Addr) {
     return (Addr & 0xF0) == GROUPMASTER;
-}
-
-// Rounds that the module thread has finished; there is no such thread yet.
-constexpr int32 moduleIteration() {
-    return 0;
 }
 
 struct timespec monotonicNow() {
@@ -139,6 +135,7 @@ void CABPMgr::run() {
     DBG_P("thID:%d\n", thID.load());
     cntpckUnverified = 0;
     pSysMgr->RegisterAll();
+    pSysMgr->pThMLink->unlockIdle();  // only now: the bus queries are there
     while (!stopped) {
         CABP_CheckBreak();
         if (cntBreakDetect != 0) {
@@ -277,7 +274,7 @@ void CABPMgr::endFixRound() {
     // Counting starts once the module thread has finished a round.
     if (iteration != 0) {
         iteration = MIN<int32>(iteration + 1, MAXITERATION);
-    } else if (moduleIteration() >= 1) {
+    } else if (pSysMgr->pThMLink->getIteration() >= 1) {
         iteration = 1;
     }
     if (!restartFixRound() && state == Master) {

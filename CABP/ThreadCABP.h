@@ -189,6 +189,8 @@ class CABPMgr : public QueuesMgr, public ClockMgr {
     void answerConfigUpdate(int id);
     void publish(aggr::Pass& pass, virtualNode_t& root);
     void writeStatusFile(time32_t now, const descSys_t& tempSys, const virtualNode_t& root);
+    /// Carries out what stands in the root's panel.
+    void runSystemPanel(virtualNode_t& root, const descSys_t& published);
     // Steps of the roles.
     void pushConfigurations();
     bool drainAsyncQC();

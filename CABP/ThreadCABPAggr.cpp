@@ -203,6 +203,9 @@ void CABPMgr::AggregateBox() {
     publish(pass, *root);
     updateItems(nowT);
     writeStatusFile(nowT, pass.tempSys, *root);
+    if (state == Master) {
+        runSystemPanel(*root, pass.tempSys);
+    }
 }
 
 // Cabinets that are reachable and have sent data make up the system's measures and states.

@@ -3,16 +3,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
 #include "Common/SysMgr.h"
+#include "MLINK/ThreadMLINK.h"
 
 namespace {
 
 constexpr unsigned long TURNAROUND_MS = 2;  // pause before a data reply, for the bus to turn around
 constexpr uint8 CNTOTHERBUILD = 8;          // CN frames of the own build until builds count as alike again
-
-constexpr int INNERHEAD = 12;  // bytes of a tunnelled module frame besides its data
-constexpr int INNERDEST = 2;   // offset of its receiver
 
 // What comes under a MainCmd that this card answers.
 struct QueryRow {
@@ -48,14 +47,18 @@ bool isForOwnBox(const pckStruct& query) {
     return query.Dest == CABPAddr && id >= 0 && pSysMgr->Cfg.Ups[id].present;
 }
 
-// Receiver of a tunnelled frame, 0 where the data are too short for one.
-uint8 innerDest(const pckStruct& query) {
-    return query.ParamLen < INNERHEAD ? static_cast<uint8>(0) : static_cast<const uint8*>(query.pParam)[INNERDEST];
+// Whether the own module can take the tunnelled frame. XA is let through and fails later: no reply is built for it.
+bool isModuleReady(const pckStruct& inner) {
+    const ModuleQueriesData_t* const slot = pSysMgr->pThMLink->slotOf(ownIndex(), FIRSTMODULE);
+    return (inner.Dest == FIRSTMODULE && slot != nullptr && slot->commStatus.active) ||
+           (inner.MainCmd == 'X' && inner.SubCmd == 'A');
 }
 
-// Whether the own module can take the tunnelled frame. It has no slot here yet.
-constexpr bool isModuleReady(const pckStruct& /*query*/) {
-    return false;
+// The tunnelled frame of a query; all zero where the data are too short for one.
+pckStruct innerOf(const pckStruct& query) {
+    pckStruct inner;
+    CABP_ExtractTunnelled(query, inner);
+    return inner;
 }
 
 }  // namespace
@@ -125,8 +128,8 @@ void CABPMgr::ReplyToQuery(pckStruct& query) {
         DBG_E("con '%c' SubCmd %c non supportato!\n", query.MainCmd, query.SubCmd);
     } else if (query.Dest >= BROADCAST) {
         DBG_E(row->broadcastRefusal, query.MainCmd, query.SubCmd, query.Dest);
-    } else if (row->toModule && !(isForOwnBox(query) && isModuleReady(query))) {
-        DBG_W("Interrogato modulo %c non ancora attivo!!\n", innerDest(query));
+    } else if (row->toModule && !(isForOwnBox(query) && isModuleReady(innerOf(query)))) {
+        DBG_W("Interrogato modulo %c non ancora attivo!!\n", innerOf(query).Dest);
     } else if (!isForOwnBox(query)) {
         DBG_E("STRANO!! perche' la mia MCU non e' configurata?\n");
     } else {

@@ -2,6 +2,7 @@
 #include "Common/SysMgr.h"
 
 #include "CABP/ThreadCABP.h"
+#include "MLINK/ThreadMLINK.h"
 #include "Measure/VirtualUPSMgr.h"
 
 namespace {
@@ -12,6 +13,10 @@ constexpr int MODULE_INDEX = 0;  // a cabinet has one module
 
 char letterOf(int boxId) {
     return static_cast<char>('A' + boxId);
+}
+
+uint8 addressOf(int boxId) {
+    return static_cast<uint8>(FIRSTUPSBOX + boxId);
 }
 
 }  // namespace
@@ -35,11 +40,15 @@ SystemMgr::~SystemMgr() {
     DBG_P("Attendo arresto effettivo thread CABP\n");
     pThCABP->wait();
     DeRegisterAll();
+    delete pThMLink;
     delete pThCABP;
     delete mutexQCSeq;
 }
 
 void SystemMgr::startThreads() {
+    // Only made here: the bus thread starts it, once the plant is registered.
+    pThMLink = new MLINKMgr(nullptr);
+    pThMLink->moveToThread(pThMLink);
     pThCABP = new CABPMgr(nullptr);
     pThCABP->moveToThread(pThCABP);
     DBG_P("Avvio la thread CABP\n");
@@ -57,26 +66,52 @@ void SystemMgr::RegisterAll() {
     for (int i = 0; i < MAXUPSBOX; ++i) {
         if (!Cfg.Ups[i].present) {
             DBG_D("Armadio %c NON presente!!\n", letterOf(i));
+            leaveModuleOut(i);
             continue;
         }
         DBG_D("Armadio %c presente: NON registro il modulo BYPASS\n", letterOf(i));
         DBG_D("           Passo ora alla registrazione di TUTTI gli UPS presenti\n");
         DBG_D("           mod id %d box id %d\n", MODULE_INDEX, i);
+        if (Cfg.Ups[i].modulePresent[MODULE_INDEX]) {
+            pThMLink->RegisterModule(addressOf(i), FIRSTMODULE);
+            DBG_D("Modulo UPS %c dell'armadio %c presente: registrato\n", FIRSTMODULE, letterOf(i));
+        } else {
+            leaveModuleOut(i);
+        }
     }
+    DBG_P("Avvio la thread MLink %p...\n", static_cast<void*>(pThMLink));
+    pThMLink->start(QThread::InheritPriority);
+    DBG_P("... avviata thread MLink %p\n", static_cast<void*>(pThMLink));
     pThCABP->clearErrorCnt();
     pThCABP->clearLastErr();
     pThCABP->RegisterBoxNode(Cfg);
     pThCABP->FlushRcvFifo();
 }
 
+// The cabinet has no module: its slot takes no part.
+void SystemMgr::leaveModuleOut(int boxId) {
+    commStatus_t& commStatus = pThMLink->slotOf(boxId, FIRSTMODULE)->commStatus;
+    commStatus.active = false;
+    commStatus.isGood = false;
+}
+
 void SystemMgr::DeRegisterAll() {
+    if (pThMLink->isRunning()) {
+        DBG_P("Fermo la thread MLink\n");
+        pThMLink->Stop();
+        DBG_P("Attendo arresto effettivo thread MLink\n");
+        pThMLink->wait();
+    }
     pThCABP->DeRegisterBoxNode(Cfg);
     // All four, present or not.
     for (int i = 0; i < MAXUPSBOX; ++i) {
         DBG_D("DeRegistro armadio %c: DeRegistro il modulo BYPASS\n", letterOf(i));
         DBG_D("           Passo ora alla De-registrazione di TUTTI gli UPS\n");
+        pThMLink->DeRegisterModule(addressOf(i), FIRSTMODULE);
+        DBG_D("Modulo UPS %c DeRegistrato\n", FIRSTMODULE);
     }
     pThCABP->wipeQueues();
+    pThMLink->wipeQueues();
     delete pVirtualUPSMgr;
     pVirtualUPSMgr = nullptr;
 }

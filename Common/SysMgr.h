@@ -29,7 +29,7 @@ class SystemMgr : public SysCfgMgr {
     /// lock: it is called with mutexCABPData held.
     int searchMaster(uint8& boxId, uint8& upsId);
 
-    MLINKMgr* pThMLink;                  // owned; null as long as there is no module link
+    MLINKMgr* pThMLink;                  // owned
     CABPMgr* pThCABP;                    // owned
     myMutex* mutexQCSeq;                 // owned; held for the length of a command of several steps
     VirtualUPSMgr* pVirtualUPSMgr;       // null until RegisterAll and again after DeRegisterAll
@@ -38,6 +38,7 @@ class SystemMgr : public SysCfgMgr {
 
   private:
     void startThreads();
+    void leaveModuleOut(int boxId);
 };
 
 #endif

@@ -1,14 +1,13 @@
 #!/bin/bash
-# Builds the gateway and runs it on a virtual plant, live on the terminal until Ctrl-C:
+# Builds the gateway and runs the whole system on a virtual plant, live on the terminal until Ctrl-C: up to four real UGW
+# on one bus, each with a simulated power module on its serial line.
 #
-#   scripts/run.sh [--bus-only] [--seconds N] [--lose C] [--speed X]
-#
-# the real UGW as card A, master of a virtual bus with the simulated cabinets B, C and D;
-#
-#   scripts/run.sh --whole [--cabinets 1..4] [--baud RATE] [--seconds N] [--lose C] [--mains-fails] [--module-dies B]
+#   scripts/run.sh [--cabinets 1..4] [--baud RATE] [--seconds N] [--lose C] [--mains-fails] [--module-dies B]
 #                  [--refuse N] [--noise PERCENT] [--speed X]
 #
-# up to four of them on one bus, each with a simulated power module on its serial line.
+# With --bus-only: one real UGW as card A without a module, master of a bus with the simulated cabinets B, C and D.
+#
+#   scripts/run.sh --bus-only [--seconds N] [--lose C] [--speed X]
 #
 # Installs what is missing to build it (with sudo if you aren't root). Exit status 0 if the gateways really published
 # and showed what was done to the plant.

@@ -5,7 +5,7 @@
 A real gateway as card A, master of a virtual bus with the simulated cabinets B, C and D. Exit status 0 if the gateway
 really published: a fresh and valid status file, and each of the simulated cabinets seen in good order.
 
-    python3 -m sim.run --whole [--cabinets 1..4] [--baud RATE] [--seconds N] [--lose C] [--mains-fails]
+    python3 -m sim.run [--cabinets 1..4] [--baud RATE] [--seconds N] [--lose C] [--mains-fails]
                        [--module-dies B] [--refuse N] [--noise PERCENT] [--speed X]
 
 The whole system (sim.system): up to four real gateways, each with a simulated power module. Exit status 0 if all of
@@ -30,7 +30,7 @@ LOST_FOR = 25.0
 RECOVERY = 12.0
 LOOKS_PER_SECOND = 4
 # Which of the two settings is meant when none is named.
-WHOLE_BY_DEFAULT = False
+WHOLE_BY_DEFAULT = True
 BAUD_RATES = (1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200)
 
 

@@ -24,11 +24,20 @@ Plant::Plant(std::uint8_t own, const std::string& boxes) : Plant(optionsOf(own, 
 
 Plant::Plant(const Options& options)
     : port_(options.hasPort ? BUSPORT : "/dev/ttyThatIsNotThere"),
+      modulePort_(options.hasModulePort ? MODULEPORT : "/dev/ttyNoModule"),
       json_(dir_.path("vu.json")),
       jsonTmp_(dir_.path("vu.tmp")) {
     if (options.hasPort) {
         line_ = std::make_unique<FakeLine>(BUSPORT, options.peerBaud);
     }
+    if (options.hasModulePort) {
+        moduleLine_ = std::make_unique<FakeLine>(MODULEPORT, options.moduleBaud);
+    }
+    if (options.hasModulePort || serialPort == nullptr) {  // or the test has a line of its own
+        serialPort = modulePort_.c_str();
+    }
+    deviceBaudRate = options.moduleBaud;
+    errnoMLink = 0;
     if (!options.hasTree) {
         replaced::shmget().fails(ENOSPC);
     }
@@ -45,6 +54,7 @@ Plant::Plant(const Options& options)
     const LogCapture quiet;
     sys_ = std::make_unique<SystemMgr>();
     in_ = std::make_unique<BusThread>(bus());
+    inLink_ = std::make_unique<ModuleThread>(link());
 }
 
 Plant::~Plant() {
@@ -52,6 +62,8 @@ Plant::~Plant() {
     stop();
     signal(SIGINT, SIG_DFL);
     serialPortCABP = nullptr;
+    serialPort = nullptr;
+    deviceBaudRate = 1200;
     jsonPath = nullptr;
     jsonPathTMP = nullptr;
     CABPAddr = GROUPMASTER;
@@ -64,6 +76,7 @@ void Plant::registerAll() {
 
 void Plant::stop() {
     in_.reset();
+    inLink_.reset();
     sys_.reset();
     pSysMgr = nullptr;
 }

@@ -19,11 +19,13 @@
 
 #include "CABP/ThreadCABP.h"
 #include "Common/SysMgr.h"
+#include "MLINK/ThreadMLINK.h"
 #include "Measure/VirtualUPSMgr.h"
 #include "support/BusThread.h"
 #include "support/FakeLine.h"
 #include "support/FakeShm.h"
 #include "support/LinkThreads.h"
+#include "support/ModuleThread.h"
 #include "support/ScratchDir.h"
 
 namespace support {
@@ -31,6 +33,7 @@ namespace support {
 class Plant {
   public:
     static constexpr const char* BUSPORT = "/dev/ttyBUS";
+    static constexpr const char* MODULEPORT = "/dev/ttyMOD";
 
     struct Options {
         std::uint8_t own = 0xEA;     ///< address of this card; 0xE0 for one whose module ID was none of the plant's
@@ -38,6 +41,8 @@ class Plant {
         int peerBaud = 9600;         ///< speed of the other nodes; 0: what they send is there at once
         bool hasPort = true;         ///< false: the bus port can't be opened
         bool hasTree = true;         ///< false: the tree can't be built
+        bool hasModulePort = false;  ///< the module port is a fake line too; otherwise it can't be opened
+        int moduleBaud = 9600;       ///< of the module port, both ends
     };
     explicit Plant(const Options& options);
     explicit Plant(std::uint8_t own = 0xEA, const std::string& boxes = "ABCD");
@@ -54,9 +59,14 @@ class Plant {
     CABPMgr& bus() { return *sys_->pThCABP; }
     /// What the bus thread keeps to itself.
     BusThread& in() { return *in_; }
+    MLINKMgr& link() { return *sys_->pThMLink; }
+    /// What the module thread keeps to itself.
+    ModuleThread& inLink() { return *inLink_; }
     PlantCfg& cfg() { return sys_->Cfg; }
     /// The other end of the bus.
     FakeLine& line() { return *line_; }
+    /// The other end of the module line, where the card has one.
+    FakeLine& moduleLine() { return *moduleLine_; }
     FakeShm& shm() { return shm_; }
     ScratchDir& dir() { return dir_; }
     LinkThreads& threads() { return threads_; }
@@ -70,6 +80,7 @@ class Plant {
     virtualNode_t& module(char letter);
     upsBoxQueriesData_t& data(char letter) { return bus().upsBox[letter - 'A']; }
     commStatus_t& comm(char letter) { return data(letter).MCUcommStatus; }
+    ModuleQueriesData_t& slot(char letter) { return link().ModulesData[letter - 'A'][0]; }
 
   private:
     virtualNode_t& nodeAt(const std::string& path);
@@ -78,11 +89,14 @@ class Plant {
     FakeShm shm_;
     LinkThreads threads_;
     std::unique_ptr<FakeLine> line_;
+    std::unique_ptr<FakeLine> moduleLine_;
     std::string port_;
+    std::string modulePort_;
     std::string json_;
     std::string jsonTmp_;
     std::unique_ptr<SystemMgr> sys_;
     std::unique_ptr<BusThread> in_;
+    std::unique_ptr<ModuleThread> inLink_;
 };
 
 }  // namespace support

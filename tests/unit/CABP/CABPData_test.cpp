@@ -256,7 +256,7 @@ TEST_F(DataDeathTest, BoardIdentificationFromAnImpossibleAddressStopsTheProcess)
 // ---------------------------------------------------------------------------------------------------------------
 // The table
 
-const std::set<std::string> stored = {"BN", "BS", "BI", "GI"};
+const std::set<std::string> stored = {"BN", "BS", "BI", "GI", "QT"};
 const std::set<std::string> acknowledged = {"CH", "CU", "SC", "SI", "TB", "UC"};
 const std::set<std::string> silent = {"OR", "OS"};
 const std::string mains = "BCFGOQSTU";

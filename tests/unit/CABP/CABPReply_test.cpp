@@ -347,7 +347,7 @@ TEST(UpdateRequest, LetterOfAnyAskerIsLogged) {
 // Refusals
 
 TEST(Refused, EveryCommandOutsideTheTable) {
-    const std::set<std::string> answered = {"BN", "BS", "BI", "CH", "CU", "SC", "SI", "UC"};
+    const std::set<std::string> answered = {"BN", "BS", "BI", "CH", "CU", "QT", "SC", "SI", "UC"};
     const std::string mains = "BCFGOQSTU";
     const std::string subs = std::string("\0\x06\x15", 3) + "1ABCDEFGHIJKLMNOPQRSTUVWXYZn\x80\xFF";
     Card card(0xEB);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "MLINK/ThreadMLINK.h"
 #include "support/LogCapture.h"
 #include "support/Plant.h"
 #include "support/Replaced.h"
@@ -186,7 +187,7 @@ TEST_F(Commands, EveryOtherMainCmdIsRefused) {
 }
 
 // ---------------------------------------------------------------------------------------------------------------
-// Tunnelled queries: there is no module behind this card yet
+// Tunnelled queries
 
 Bytes inner(char dest, const char* cmd) {
     return {0x02,
@@ -203,12 +204,58 @@ Bytes inner(char dest, const char* cmd) {
             0x03};
 }
 
-TEST_F(Commands, TunnelledQueryFindsNoModule) {
+// Of the records that a card keeps for its module.
+TEST_F(Commands, TunnelledQueryIsAnsweredForTheOwnModule) {
+    ask(0xEB, "QT", inner('1', "GN"));
+    ASSERT_EQ(answers().size(), 1U);
+    EXPECT_EQ(VirtualClock::countWaits("QThread::msleep"), 1U);
+    EXPECT_EQ(VirtualClock::sumWaits("QThread::msleep"), 2000);
+    EXPECT_EQ(VirtualClock::waits()[0].call, "QThread::msleep") << "before the answer";
+    EXPECT_FALSE(log.contains("non ancora attivo"));
+}
+
+TEST_F(Commands, TunnelledQueryWithoutReplyIsAcceptedAndNotAnswered) {
+    const std::string last = "Err CABP_ManageReply: FALLITO Risposta QT inviato alla scheda 0xEA\n";
     ask(0xEB, "QT", inner('1', "RS"));
+    EXPECT_EQ(said(),
+              "Err MLINK_BuildReply: SubCmd S non supportato per il MainCmd R\n"
+              "Err MLINK_BuildReply: FALLITA costruzione risposta RS\n" +
+                  last + "Err CABP_ManageReply: Pacchetto incapsulato RS da 'A' per '1'\n");
+    // This one is let through to any unit.
+    for (const char dest : {'1', '2', '8'}) {
+        ask(0xEB, "QT", inner(dest, "XA"));
+        EXPECT_EQ(said(),
+                  "Err MLINK_BuildReply: MainCmd X non supportato\n"
+                  "Err MLINK_BuildReply: FALLITA costruzione risposta XA\n" +
+                      last + "Err CABP_ManageReply: Pacchetto incapsulato XA da 'A' per '" + dest + "'\n");
+    }
+    EXPECT_TRUE(answers().empty());
+}
+
+TEST_F(Commands, TunnelledQueryToAnotherUnitFindsNoModule) {
+    for (int dest = 0x20; dest < 0x7F; ++dest) {
+        if (dest == '1') {
+            continue;
+        }
+        for (const char* const cmd : {"GI", "CS", "XB", "YA"}) {
+            ask(0xEB, "QT", inner(static_cast<char>(dest), cmd));
+            EXPECT_EQ(said(), std::string("War ReplyToQuery: Interrogato modulo ") + static_cast<char>(dest) +
+                                  " non ancora attivo!!\n");
+        }
+    }
+    EXPECT_TRUE(answers().empty());
+    EXPECT_EQ(VirtualClock::countWaits("QThread::msleep"), 0U);
+}
+
+TEST_F(Commands, TunnelledQueryFindsNoModuleThatIsNotActive) {
+    plant.sys().pThMLink->ModulesData[1][0].commStatus.active = false;
+    ask(0xEB, "QT", inner('1', "GN"));
     EXPECT_EQ(said(), "War ReplyToQuery: Interrogato modulo 1 non ancora attivo!!\n");
-    ask(0xEB, "QT", inner('7', "RS"));
-    EXPECT_EQ(said(), "War ReplyToQuery: Interrogato modulo 7 non ancora attivo!!\n");
-    ask(0xEB, "QT", inner('1', "XA"));
+    EXPECT_TRUE(answers().empty());
+}
+
+TEST_F(Commands, TunnelledQueryToAnotherCardIsNotAnswered) {
+    ask(0xEC, "QT", inner('1', "GN"));
     EXPECT_EQ(said(), "War ReplyToQuery: Interrogato modulo 1 non ancora attivo!!\n");
     EXPECT_TRUE(answers().empty());
 }

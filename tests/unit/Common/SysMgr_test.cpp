@@ -11,9 +11,12 @@
 #include <vector>
 
 #include "CABP/ThreadCABP.h"
+#include "MLINK/ThreadMLINK.h"
 #include "Measure/VirtualUPSMgr.h"
 #include "support/BareSystemMgr.h"
+#include "support/FakeLine.h"
 #include "support/FakeShm.h"
+#include "support/LinkThreads.h"
 #include "support/LogCapture.h"
 #include "support/Replaced.h"
 #include "support/ScratchDir.h"
@@ -41,7 +44,8 @@ std::vector<std::string> presentLines(char letter) {
     const std::string id(1, static_cast<char>('0' + letter - 'A'));
     return {std::string("Dbg Armadio ") + letter + " presente: NON registro il modulo BYPASS",
             "Dbg            Passo ora alla registrazione di TUTTI gli UPS presenti",
-            "Dbg            mod id 0 box id " + id};
+            "Dbg            mod id 0 box id " + id,
+            std::string("Dbg Modulo UPS 1 dell'armadio ") + letter + " presente: registrato"};
 }
 
 std::vector<std::string> absentLine(char letter) {
@@ -53,6 +57,7 @@ std::vector<std::string> deregistrationLines() {
     for (char letter = 'A'; letter <= 'D'; ++letter) {
         lines.push_back(std::string("Dbg DeRegistro armadio ") + letter + ": DeRegistro il modulo BYPASS");
         lines.push_back("Dbg            Passo ora alla De-registrazione di TUTTI gli UPS");
+        lines.push_back("Dbg Modulo UPS 1 DeRegistrato");
     }
     return lines;
 }
@@ -64,6 +69,12 @@ Lines operator+(Lines a, const Lines& b) {
     return a;
 }
 
+// Around the start of the module thread.
+Lines moduleThreadLines(const SystemMgr& mgr) {
+    const std::string address = QString::asprintf("%p", static_cast<const void*>(mgr.pThMLink)).toStdString();
+    return {" Avvio la thread MLink " + address + "...", " ... avviata thread MLink " + address};
+}
+
 void setPlant(bool b, bool c, bool d) {
     moduleBpresent = b;
     moduleCpresent = c;
@@ -71,7 +82,7 @@ void setPlant(bool b, bool c, bool d) {
 }
 
 // ---------------------------------------------------------------------------------------------------------------
-// Registration on the test's own thread, the bus thread not being started.
+// Registration on the test's own thread, neither link's thread being started.
 
 class Registration : public testing::Test {
   protected:
@@ -80,19 +91,23 @@ class Registration : public testing::Test {
         const LogCapture quiet;
         if (mgr_) {
             delete (*mgr_)->pVirtualUPSMgr;
+            delete (*mgr_)->pThMLink;
             delete (*mgr_)->pThCABP;
         }
     }
     SystemMgr& make() {
         const LogCapture quiet;
         mgr_ = std::make_unique<support::BareSystemMgr>();
+        (*mgr_)->pThMLink = new MLINKMgr(nullptr);
         (*mgr_)->pThCABP = new CABPMgr(nullptr);
         return mgr_->get();
     }
     bool isActive(int box) { return (*mgr_)->pThCABP->upsBox[box].MCUcommStatus.active; }
+    ModuleQueriesData_t& module(int box) { return (*mgr_)->pThMLink->ModulesData[box][0]; }
 
     support::ScratchDir dir_{"UGW"};
     FakeShm shm_;
+    support::LinkThreads threads_;
     std::unique_ptr<support::BareSystemMgr> mgr_;
 };
 
@@ -101,7 +116,43 @@ TEST_F(Registration, TellsEachCabinet) {
     SystemMgr& mgr = make();
     LogCapture log;
     mgr.RegisterAll();
-    EXPECT_EQ(said(log), presentLines('A') + absentLine('B') + presentLines('C') + absentLine('D'));
+    EXPECT_EQ(said(log),
+              presentLines('A') + absentLine('B') + presentLines('C') + absentLine('D') + moduleThreadLines(mgr));
+    EXPECT_EQ(threads_.heldBack(), 1U) << "it starts the module thread";
+}
+
+// Between its registration and the bus queries.
+TEST_F(Registration, StartsTheModuleThreadOnceItsModulesAreThere) {
+    SystemMgr& mgr = make();
+    LogCapture log;
+    mgr.RegisterAll();
+    const std::string text = log.text();
+    const std::size_t start = text.find("Avvio la thread MLink");
+    ASSERT_NE(start, std::string::npos);
+    EXPECT_LT(text.find("Add Query DE to 0x31"), start);
+    EXPECT_LT(start, text.find("Add Query BN to 0xEA"));
+}
+
+TEST_F(Registration, CabinetsWithoutAModuleTakeNoPart) {
+    setPlant(true, false, false);
+    SystemMgr& mgr = make();
+    mgr.Cfg.Ups[1].modulePresent[0] = false;
+    for (int box = 0; box < MAXUPSBOX; ++box) {
+        module(box).commStatus.active = true;
+        module(box).commStatus.isGood = true;
+    }
+    LogCapture log;
+    mgr.RegisterAll();
+    EXPECT_TRUE(module(0).commStatus.active);
+    EXPECT_FALSE(module(0).commStatus.isGood) << "registered anew";
+    for (const int box : {1, 2}) {
+        EXPECT_FALSE(module(box).commStatus.active) << box;
+        EXPECT_FALSE(module(box).commStatus.isGood) << box;
+        EXPECT_EQ(module(box).pVN, nullptr) << box;
+    }
+    const Lines lines = presentLines('B');
+    EXPECT_EQ(said(log), presentLines('A') + Lines(lines.begin(), lines.end() - 1) + absentLine('C') + absentLine('D') +
+                             moduleThreadLines(mgr));
 }
 
 TEST_F(Registration, BindsThePlantToItsTree) {
@@ -116,6 +167,9 @@ TEST_F(Registration, BindsThePlantToItsTree) {
     EXPECT_TRUE(isActive(2));
     EXPECT_FALSE(isActive(3));
     EXPECT_EQ(mgr.pThCABP->upsBox[2].pVN, mgr.pVirtualUPSMgr->searchNode("SA.BC"));
+    EXPECT_EQ(module(0).pVN, mgr.pVirtualUPSMgr->searchNode("SA.BA.M1"));
+    EXPECT_EQ(module(2).pVN, mgr.pVirtualUPSMgr->searchNode("SA.BC.M1"));
+    EXPECT_EQ(module(1).pVN, nullptr);
     EXPECT_EQ(elemAlarm(mgr.pVirtualUPSMgr->virtualUPS->desc.sys.subSystem.UPSBox[0]), commLostAlarm);
     EXPECT_EQ(elemAlarm(mgr.pVirtualUPSMgr->virtualUPS->desc.sys.subSystem.UPSBox[1]), noneAlarm);
 }
@@ -154,10 +208,13 @@ TEST_F(Registration, GoesOnWithoutATree) {
     replaced::shmget().fails(ENOSPC);
     LogCapture log;
     mgr.RegisterAll();
-    EXPECT_EQ(said(log), presentLines('A') + presentLines('B') + presentLines('C') + presentLines('D'));
+    EXPECT_EQ(said(log),
+              presentLines('A') + presentLines('B') + presentLines('C') + presentLines('D') + moduleThreadLines(mgr));
     ASSERT_NE(mgr.pVirtualUPSMgr, nullptr);
     EXPECT_EQ(mgr.pVirtualUPSMgr->virtualUPS, nullptr);
     for (int box = 0; box < MAXUPSBOX; ++box) {
+        EXPECT_TRUE(module(box).commStatus.active);
+        EXPECT_EQ(module(box).pVN, nullptr);
         EXPECT_EQ(mgr.pThCABP->upsBox[box].pVN, nullptr);
     }
     mgr.DeRegisterAll();
@@ -177,6 +234,10 @@ TEST_F(Registration, IsUndoneForAllFourCabinets) {
     EXPECT_TRUE(shm_.segments().empty());
     EXPECT_FALSE(isActive(0));
     EXPECT_EQ(mgr.pThCABP->upsBox[0].pVN, nullptr);
+    EXPECT_FALSE(module(0).commStatus.active);
+    EXPECT_EQ(module(0).pVN, nullptr);
+    EXPECT_EQ(log.occurrences("Remove Query RX to 0x31"), 1U);
+    EXPECT_TRUE(log.has("Err", "L'elemento NON e'mai stato registrato"));
 }
 
 TEST_F(Registration, UndoneWithoutHavingBeenDone) {
@@ -335,25 +396,48 @@ TEST_F(Lifecycle, StartAndOrderlyStop) {
     LogCapture log;
     auto mgr = std::make_unique<SystemMgr>();
     EXPECT_EQ(pSysMgr, mgr.get());
-    EXPECT_EQ(mgr->pThMLink, nullptr);
+    ASSERT_NE(mgr->pThMLink, nullptr);
     EXPECT_EQ(mgr->build, -1);
     EXPECT_EQ(mgr->cntForSameBuild, 2);
     EXPECT_EQ(mgr->mutexQCSeq->getName(), QString("mutexQCSeq"));
     EXPECT_EQ(mgr->numUPS, 2);
+    const Lines threadLines = moduleThreadLines(*mgr);
     ASSERT_TRUE(appears(log, "Armadio D NON presente!!"));
     // The whole of RegisterAll has been seen once its last registration has.
     ASSERT_TRUE(appears(log, "Add Query BN to 0xEB"));
     EXPECT_EQ(said(log), (Lines{" ", " Avvio la thread CABP"} + presentLines('A') + presentLines('B') +
-                          absentLine('C') + absentLine('D')));
+                          absentLine('C') + absentLine('D') + threadLines));
+    EXPECT_TRUE(mgr->pThMLink->isRunning());
+    ASSERT_TRUE(appears(log, "FALLITO Comando DE inviato alla scheda 0x31")) << "it has left its idle state";
 
     log.clear();
     mgr.reset();
-    EXPECT_EQ(said(log),
-              (Lines{" Fermo la thread CABP", " Attendo arresto effettivo thread CABP"} + deregistrationLines()));
+    EXPECT_EQ(said(log), (Lines{" Fermo la thread CABP", " Attendo arresto effettivo thread CABP",
+                                " Fermo la thread MLink", " Attendo arresto effettivo thread MLink"} +
+                          deregistrationLines()));
     EXPECT_TRUE(shm_.segments().empty());
     // The tree goes after the registrations.
     const std::string text = log.text();
     EXPECT_LT(text.find("De-registrazione"), text.find("shared memory deallocata"));
+    // Bus thread, module thread, registrations.
+    EXPECT_LT(text.find("Attendo arresto effettivo thread CABP"), text.find("Fermo la thread MLink"));
+    EXPECT_LT(text.find("Attendo arresto effettivo thread MLink"), text.find("EXIT ThMLINK"));
+    EXPECT_LT(text.find("EXIT ThMLINK"), text.find("DeRegistro armadio A"));
+}
+
+TEST_F(Lifecycle, OpensTheModulePortBeforeAnyThreadRuns) {
+    support::FakeLine line("/dev/ttyMOD");
+    serialPort = "/dev/ttyMOD";
+    const support::LinkThreads threads;
+    LogCapture log;
+    auto mgr = std::make_unique<SystemMgr>();
+    EXPECT_TRUE(line.isOpen());
+    EXPECT_FALSE(mgr->pThMLink->isRunning());
+    EXPECT_EQ(threads.heldBack(), 1U) << "the bus thread alone is started here";
+    mgr.reset();
+    EXPECT_FALSE(line.isOpen());
+    EXPECT_FALSE(log.contains("Fermo la thread MLink")) << "it never ran";
+    serialPort = nullptr;
 }
 
 TEST_F(Lifecycle, StopRightAfterTheStart) {
@@ -362,7 +446,7 @@ TEST_F(Lifecycle, StopRightAfterTheStart) {
     mgr.reset();
     const Lines lines = said(log);
     EXPECT_EQ(lines.front(), " ");
-    EXPECT_EQ(Lines(lines.end() - 8, lines.end()), deregistrationLines());
+    EXPECT_EQ(Lines(lines.end() - 12, lines.end()), deregistrationLines());
     EXPECT_TRUE(shm_.segments().empty());
 }
 
