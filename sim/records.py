@@ -253,6 +253,16 @@ def blank_identification():
     return record
 
 
+def blank_module_identification():
+    """What a module's identification holds before the module has told anything."""
+    record = blank_identification()
+    fields = Identification.unpack(bytes(51) + b"4322102" + b"\0" + b"1" + bytes(38))
+    for name in ("IO_Cfg", "UPS_Type", "Boost_Cfg", "Buck_Cfg", "Error_CTRL", "PwrShareCfg", "BattBenches",
+                 "NBattForBench", "ParallelInfo"):
+        setattr(record, name, getattr(fields, name))
+    return record
+
+
 class Nominal(Record):
     FIELDS = (F("timestamp", "i"), F("VA", "I"), F("W", "I"), F("BatteryV", "H"), F("BatteryAh", "H"), F("Vout", "H"),
               F("FreqOut", "H"))

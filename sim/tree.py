@@ -1,7 +1,7 @@
 """The tree of nodes as it lies in shared memory: an array linked by index."""
 
 from sim.records import (COMM_LOST, NONE, NULL_NODE, Battery, Extension, Measures, Node, Nominal, SystemStatus,
-                         blank_identification, text)
+                         blank_identification, blank_module_identification, text)
 
 SYSTEM, CABINET, BATTERY_BOX, MODULE, BYPASS, EXTENSION = range(6)
 
@@ -100,8 +100,8 @@ def expected_tree(own, cabinets, fill=0, device_number=0):
 
 
 def registered_tree(own, cabinets, fill=0):
-    """The array once the cabinets are registered, before the first frame on the bus: the built tree with the start
-    values of the root and of the cabinet nodes. Bytes that neither step writes hold `fill`."""
+    """The array once cabinets and modules are registered, before the first frame on either line: the built tree with
+    the start values of all its nodes. Bytes that neither step writes hold `fill`."""
     nodes = expected_tree(own, cabinets, fill)
     state = SystemStatus()
     state.Ups.set("status.SWOUT")
@@ -127,4 +127,60 @@ def registered_tree(own, cabinets, fill=0):
         box.boxStatus = box.externalSwitchStatus = box.mcuStatus = box.MCUMUStatus = 0
         box.set("UPSShelter.alarmSt", COMM_LOST)
         node.desc = box.pack() + tail
+    for node in nodes[2 + len(cabinets):]:
+        register_module(node)
     return nodes
+
+
+def lone_tree(own, cabinets, now, fill=0):
+    """The array of a card whose module doesn't answer and that has heard nothing on the bus, from its first aggregation
+    of the module on: `own` is its cabinet, `now` what its clock shows."""
+    nodes = registered_tree(own, cabinets, fill)
+    index = 2 + cabinets.index(own)
+    cabinet, module = nodes[index], nodes[index + len(cabinets)]
+    lose_module(module, cabinet, now)
+    return nodes
+
+
+def lose_module(module, cabinet, now):
+    """What the aggregation at time `now` makes of a module that doesn't answer: its node, and that of its cabinet."""
+    register_module(module)
+    state = module.module
+    state.data.set("PMStatus.commError")
+    state.data.set("alarm.Anomaly")
+    state.data.clear("extStatus.isMaster")
+    module.desc = state.pack() + module.desc[state.SIZE:]
+    box = cabinet.box
+    tail = cabinet.desc[box.SIZE:]
+    box.timestamp = now
+    box.Ups = Measures()
+    box.Ups.set("PMStatus.commError")
+    box.Ups.set("alarm.Anomaly")
+    box.UPSShelter = COMM_LOST
+    cabinet.desc = box.pack() + tail
+    cabinet.nominal = Nominal(timestamp=now)
+    cabinet.identification = module.identification
+
+
+def register_module(node):
+    """Gives a module's node its start values, as the registration of the module leaves them."""
+    node.identification = blank_module_identification()
+    node.nominal = Nominal()
+    module = node.module
+    tail = node.desc[module.SIZE:]
+    found = module.data
+    module.data = Measures(
+        switchStatus=found.switchStatus, PMStatus=found.PMStatus, Frq_in=500, Frq_byp=500, Frq_out=500, Temp0=25,
+        Temp1=found.Temp1, Temp2=found.Temp2, Temp3=found.Temp3, Temp4=found.Temp4, Temp5=found.Temp5,
+        Temp6=found.Temp6, Cent_kwh=found.Cent_kwh)
+    module.data.set("switchStatus.Bt_present")
+    for bit in ("Q1", "LoadOnBypass_Cmd", "BypassDisabled_Cmd", "RemoteCBOff_Cmd", "RemoteEco_Cmd"):
+        module.data.clear("switchStatus." + bit)
+    module.data.clear("PMStatus.wrongPower")
+    module.data.clear("PMStatus.inputDisabled")
+    module.data.set("PMStatus.bitCmdUnsupported")
+    module.detailTimestamp = 0
+    module.states = bytes(22)
+    # The switches of a cabinet's record lie where a module's record has the high byte of its first load.
+    module.data.Load = [0x800, 0, 0]
+    node.desc = module.pack() + tail

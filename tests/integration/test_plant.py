@@ -119,9 +119,8 @@ def test_a_silent_cabinet_on_the_master(bus, cabinets, gateway):
         return System(dict(A=card.tree().cabinet("A").box, **reports), {c: others[c].nominal for c in reports}, silent=silent, **options)
 
     def settle(**options):
-        wanted = system(**options)
         own = card.tree().module("A").identification
-        card.wait_status(lambda s: not explain(s, wanted.document(s["timestamp"], own)), timeout=30)
+        card.wait_status(lambda s: not explain(s, system(**options).document(s["timestamp"], own)), timeout=30)
 
     settle(settled=["redundancy"])
     document = card.status()
