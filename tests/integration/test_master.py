@@ -169,7 +169,8 @@ def test_a_silent_cabinet_costs_three_seconds_a_query(bus, cabinets, gateway):
     others["B"].silent = True
     query = bus.wait(lambda h: h.frame and h.frame.dest == 0xEB)
     following = bus.wait(lambda h: h.frame and h.frame.dest == 0xEB, since=query.number + 1)
-    assert 3.25 <= following.start - query.start < 3.6
+    # The bus notes a write a little after it was made, so that the distance may look shorter.
+    assert 3.24 <= following.start - query.start < 3.6
     assert card.log.count("manca il carattere di inizio pacchetto della risposta timeout:3000!") == 1
     assert "MODULE_2_LOST" not in card.status()["statusAlarms"]
     status = card.wait_status(lambda s: "MODULE_2_LOST" in s["statusAlarms"])

@@ -19,15 +19,12 @@ def master(bus):
 
 @pytest.fixture
 def make_slave(gateway, master):
-    """Starts a card and waits until it listens and has given up its module, which doesn't answer; its wall clock
-    stands."""
-    def make(card="B", mask="1111", **options):
-        slave = gateway(card, mask=mask, start=False, **options)
+    """Starts a card and waits until it listens; its wall clock stands."""
+    def make(card="B", **options):
+        slave = gateway(card, start=False, **options)
         slave.clock.freeze(NOW)
         slave.start()
         slave.log.wait_message("attende per")
-        if mask[ord(card) - ord("A")] == "1":
-            slave.log.wait_message(NO_MODULE)
         return slave
     return make
 
@@ -36,6 +33,13 @@ def make_slave(gateway, master):
 def slave(make_slave):
     """Card B of a plant of four."""
     return make_slave()
+
+
+@pytest.fixture
+def settled(slave):
+    """Card B once it has given up its module, which doesn't answer: its own record stays as it is then."""
+    slave.log.wait_message(NO_MODULE)
+    return slave
 
 
 def silent(bus, slave, duration=0.3):
@@ -64,18 +68,18 @@ def status_without_module():
 
 # Answers.
 
-def test_nominal_data(master, slave, bus):
+def test_nominal_data(master, settled, bus):
     reply = master.ask("B", "BN")
     assert reply == frames.frame("B", 0xFF, "BN", Nominal(timestamp=NOW).pack())
     assert bus.wait("B BN", since=0).raw == bytes.fromhex(
         "02 EB FF 42 4E 00 14 00 F1 53 65" + "00" * 16) + reply.encode()[-3:]
 
 
-def test_status(master, slave):
+def test_status(master, settled):
     reply = master.ask("B", "BS")
     expected = StatusReply(box=status_without_module(), idu=255)
     assert reply == frames.frame("B", 0xFF, "BS", expected.pack())
-    assert reply.data[:267] == slave.tree().cabinet("B").desc[:267]
+    assert reply.data[:267] == settled.tree().cabinet("B").desc[:267]
 
 
 def identification(parallel):
@@ -88,6 +92,7 @@ def identification(parallel):
 @pytest.mark.parametrize("card, mask, parallel", [("B", "1111", b"1"), ("B", "1100", b"1")])
 def test_identification_is_made_at_the_first_question(master, make_slave, card, mask, parallel):
     slave = make_slave(card, mask=mask)
+    slave.log.wait_message(NO_MODULE)
     assert slave.tree().cabinet("B").identification == blank_module_identification()
     mark = slave.log.mark()
     reply = master.ask("B", "BI")

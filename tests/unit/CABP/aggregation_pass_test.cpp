@@ -264,8 +264,8 @@ TEST_F(Pass, FrequencyAndVoltageComeFromTheConfiguration) {
     EXPECT_EQ(rootNode().nominal.Vout, 255);
 }
 
-TEST_F(Pass, PanelAndLinksAreLeftAlone) {
-    rootNode().panel.value = CMD_SHUTDOWN;
+TEST_F(Pass, AnIdlePanelAndLinksAreLeftAlone) {
+    rootNode().panel.value = CMD_NONE;
     rootNode().panel.delay_shut = 30;
     const virtualNode_t before = rootNode();
     settle();
