@@ -1,0 +1,1 @@
+// Compiled for nothing but the precompiled header that goes with it.
