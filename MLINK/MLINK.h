@@ -19,6 +19,9 @@ extern const char* const statusDetailString[NUMRCBIT];
 
 // Frames and channel.
 
+// The two need no lock of their own, unlike the bus's: the manager's constructor and destructor run while no exchange
+// can, and a port that failed is reopened by the exchange that met the failure, under mutexMLinkChannel.
+
 /// Opens the channel if it is closed; on failure it stays closed.
 void MLINK_Init();
 /// Closes the channel if it is open. Always 0.

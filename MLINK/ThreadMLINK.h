@@ -126,8 +126,8 @@ class MLINKMgr : public QueuesMgr {
     int sendModuleSwitch(char boxCh, char modCh, uint8 onOff);
     /// Health record of the own module `Dest`, null where it has none.
     commStatus_t* statusOf(uint8 Dest);
-    /// Node of a registered module, or null with a line in the log.
-    virtualNode_t* nodeOf(uint8 MCUAdd, uint8 UPSAdd);
+    /// Node of a registered module, or null with a line in the log under the operation's name.
+    virtualNode_t* nodeOf(const char* operation, uint8 MCUAdd, uint8 UPSAdd);
     void requestData(uint8 MCUAdd, uint8 Add, uint8 MainCmd, uint8 SubCmd);
     /// Queues a query to another cabinet's module, wrapped in a bus query.
     int queueTunnelled(uint8 boxId, const pckStruct& query);

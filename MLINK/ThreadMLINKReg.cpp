@@ -32,13 +32,23 @@ pckStruct query(uint8 Src, uint8 Dest, uint8 MainCmd, uint8 SubCmd) {
     return q;
 }
 
-bool checkIndices(uint8 MCUAdd, uint8 modAdd) {
+// Logs under the name of the operation that was called.
+#define LOG_ERROR_OF(operation, ...) logLine("Err", logBaseName(__FILE__), operation, __VA_ARGS__)
+#define LOG_NOT_INITIALISED(operation, MCUAdd, UPSAdd) \
+    LOG_ERROR_OF(operation, "MODULO NON INIZIALIZZATO!!! MCUAdd:0x%02X UPSAdd:%c\n", MCUAdd, UPSAdd)
+
+// The last cabinets have no slot for every module address.
+bool checkIndices(const char* operation, uint8 MCUAdd, uint8 modAdd) {
     if (!isModule(modAdd)) {
-        DBG_E("Indice del modulo non corretto!\n");
+        LOG_ERROR_OF(operation, "Indice del modulo non corretto!\n");
         return false;
     }
     if (MCU2id(MCUAdd) >= MAXUPSBOX) {
-        DBG_E("Indice dell'armadio non corretto!\n");
+        LOG_ERROR_OF(operation, "Indice dell'armadio non corretto!\n");
+        return false;
+    }
+    if (slotIndex(MCU2id(MCUAdd), modAdd) < 0) {
+        LOG_NOT_INITIALISED(operation, MCUAdd, modAdd);
         return false;
     }
     return true;
@@ -119,7 +129,7 @@ ModuleQueriesData_t* MLINKMgr::slotOf(int boxId, int modAdd) {
 }
 
 int MLINKMgr::RegisterModule(uint8 MCUAdd, uint8 modAdd) {
-    if (!checkIndices(MCUAdd, modAdd)) {
+    if (!checkIndices(__func__, MCUAdd, modAdd)) {
         return FAIL;
     }
     const myMutexLocker lock(mutexMLinkData);
@@ -130,12 +140,10 @@ int MLINKMgr::RegisterModule(uint8 MCUAdd, uint8 modAdd) {
     virtualNode_t* node = pSysMgr->pVirtualUPSMgr == nullptr ? nullptr : pSysMgr->pVirtualUPSMgr->searchNode(path);
     DBG_P("string ricerca %s\n", path);
 
-    ModuleQueriesData_t* slot = slotOf(boxId, modAdd);
-    if (slot != nullptr) {
-        std::memset(&slot->commStatus, 0, sizeof(slot->commStatus));
-        slot->commStatus.active = true;
-        slot->pVN = node;
-    }
+    ModuleQueriesData_t& slot = *slotOf(boxId, modAdd);
+    std::memset(&slot.commStatus, 0, sizeof(slot.commStatus));
+    slot.commStatus.active = true;
+    slot.pVN = node;
     if (node != nullptr) {
         mlink::ResetModuleNode(*node);
     }
@@ -149,7 +157,7 @@ int MLINKMgr::RegisterModule(uint8 MCUAdd, uint8 modAdd) {
 }
 
 int MLINKMgr::DeRegisterModule(uint8 MCUAdd, uint8 modAdd) {
-    if (!checkIndices(MCUAdd, modAdd)) {
+    if (!checkIndices(__func__, MCUAdd, modAdd)) {
         return FAIL;
     }
     const myMutexLocker lock(mutexMLinkData);
@@ -158,11 +166,9 @@ int MLINKMgr::DeRegisterModule(uint8 MCUAdd, uint8 modAdd) {
         // Only this one, which was never registered: the polled set goes with the queues.
         ret = DeRegisterElem(query(MasterAdd, modAdd, 'R', 'X'));
     }
-    ModuleQueriesData_t* slot = slotOf(MCU2id(MCUAdd), modAdd);
-    if (slot != nullptr) {
-        slot->commStatus.active = false;
-        slot->pVN = nullptr;
-    }
+    ModuleQueriesData_t& slot = *slotOf(MCU2id(MCUAdd), modAdd);
+    slot.commStatus.active = false;
+    slot.pVN = nullptr;
     return ret;
 }
 
@@ -245,10 +251,10 @@ int MLINKMgr::RefreshClockModule(uint8 modAdd) {
 }
 
 // Null, with its line, where the slot has no node.
-virtualNode_t* MLINKMgr::nodeOf(uint8 MCUAdd, uint8 UPSAdd) {
+virtualNode_t* MLINKMgr::nodeOf(const char* operation, uint8 MCUAdd, uint8 UPSAdd) {
     ModuleQueriesData_t* slot = slotOf(MCU2id(MCUAdd), UPSAdd);
     if (slot == nullptr || slot->pVN == nullptr) {
-        DBG_E("MODULO NON INIZIALIZZATO!!! MCUAdd:0x%02X UPSAdd:%c\n", MCUAdd, UPSAdd);
+        LOG_NOT_INITIALISED(operation, MCUAdd, UPSAdd);
         return nullptr;
     }
     return slot->pVN;
@@ -271,7 +277,7 @@ void MLINKMgr::GetIdentification(uint8 MCUAdd, uint8 Add, identification_t* pId)
         }
         return;
     }
-    virtualNode_t* node = nodeOf(MCUAdd, Add);
+    virtualNode_t* node = nodeOf(__func__, MCUAdd, Add);
     if (node == nullptr) {
         return;
     }
@@ -295,7 +301,7 @@ void MLINKMgr::GetNominal(uint8 MCUAdd, uint8 Add, nominal_t* pNom) {
         DBG_E("GRAVE ERRORE DI INDIRIZZAMENTO\n");
         return;
     }
-    virtualNode_t* node = nodeOf(MCUAdd, Add);
+    virtualNode_t* node = nodeOf(__func__, MCUAdd, Add);
     if (node == nullptr) {
         return;
     }
@@ -312,7 +318,7 @@ void MLINKMgr::GetNominal(uint8 MCUAdd, uint8 Add, nominal_t* pNom) {
 }
 
 void MLINKMgr::SetUPSStatusDetail(uint8 MCUAdd, uint8 UPSAdd, statusCoding_t* pStatusDetail) {
-    virtualNode_t* node = nodeOf(MCUAdd, UPSAdd);
+    virtualNode_t* node = nodeOf(__func__, MCUAdd, UPSAdd);
     if (node == nullptr) {
         return;
     }
@@ -321,7 +327,7 @@ void MLINKMgr::SetUPSStatusDetail(uint8 MCUAdd, uint8 UPSAdd, statusCoding_t* pS
 }
 
 void MLINKMgr::GetUPSStatus(uint8 MCUAdd, uint8 UPSAdd, descModule_t* pDataModule) {
-    virtualNode_t* node = nodeOf(MCUAdd, UPSAdd);
+    virtualNode_t* node = nodeOf(__func__, MCUAdd, UPSAdd);
     if (node == nullptr) {
         return;
     }
@@ -342,7 +348,7 @@ void MLINKMgr::GetUPSStatus(uint8 MCUAdd, uint8 UPSAdd, descModule_t* pDataModul
 void MLINKMgr::GetUPSCommStatus(uint8 MCUAdd, uint8 UPSAdd, commStatus_t* pCommStatus) {
     ModuleQueriesData_t* slot = slotOf(MCU2id(MCUAdd), UPSAdd);
     if (slot == nullptr) {
-        DBG_E("MODULO NON INIZIALIZZATO!!! MCUAdd:0x%02X UPSAdd:%c\n", MCUAdd, UPSAdd);
+        LOG_NOT_INITIALISED(__func__, MCUAdd, UPSAdd);
         return;
     }
     const myMutexLocker lock(mutexMLinkData);

@@ -1,5 +1,8 @@
 // Registration of modules, their queries, and what others read and write of a module's data.
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "MLINK/ThreadMLINK.h"
 #include "unit/MLINK/ModuleLine.h"
@@ -151,18 +154,39 @@ TEST_F(ModuleRegistration, BadIndicesChangeNothing) {
         log.clear();
         EXPECT_EQ(link().RegisterModule(c.MCUAdd, c.modAdd), -1);
         EXPECT_EQ(link().DeRegisterModule(c.MCUAdd, c.modAdd), -1);
-        EXPECT_EQ(said(), std::string("Err checkIndices: ") + c.message + "\nErr checkIndices: " + c.message + "\n");
+        EXPECT_EQ(said(),
+                  std::string("Err RegisterModule: ") + c.message + "\nErr DeRegisterModule: " + c.message + "\n");
     }
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(link().ModulesData), sizeof(link().ModulesData)), before);
     EXPECT_TRUE(in().FixQuery.empty());
 }
 
 // A cabinet has one module here: the second of D would be that of a fifth cabinet.
-TEST_F(ModuleRegistration, ModuleWithoutASlotIsSurvived) {
-    EXPECT_EQ(link().RegisterModule(0xED, '2'), 0);
-    EXPECT_EQ(link().DeRegisterModule(0xED, '7'), 0);
+TEST_F(ModuleRegistration, ModuleWithoutASlotIsRefused) {
+    CABPAddr = 0xED;
+    EXPECT_EQ(link().RegisterModule(0xED, '2'), -1);
+    EXPECT_EQ(link().DeRegisterModule(0xED, '7'), -1);
+    CABPAddr = 0xEA;
+    EXPECT_EQ(said(),
+              "Err RegisterModule: MODULO NON INIZIALIZZATO!!! MCUAdd:0xED UPSAdd:2\n"
+              "Err DeRegisterModule: MODULO NON INIZIALIZZATO!!! MCUAdd:0xED UPSAdd:7\n");
     for (const char letter : {'A', 'B', 'C', 'D'}) {
         EXPECT_FALSE(plant.slot(letter).commStatus.active);
+    }
+    EXPECT_TRUE(in().FixQuery.empty());
+}
+
+TEST(ModuleRegistrationOfOthers, PollsTheOwnModuleAndSearchesUnderTheOwnLetter) {
+    Plant plant(withModule(0xEC));
+    const LogCapture log;
+    plant.sys().RegisterAll();
+    EXPECT_EQ(log.occurrences("string ricerca SC.BC.M1"), 2U);
+    EXPECT_EQ(log.occurrences("string ricerca SC.BA.M1"), 2U);
+    EXPECT_EQ(plant.slot('C').pVN, &plant.module('C'));
+    EXPECT_EQ(plant.slot('A').pVN, &plant.module('A'));
+    ASSERT_EQ(plant.inLink().FixQuery.size(), 8U);
+    for (const auto& entry : plant.inLink().FixQuery) {
+        EXPECT_EQ(entry.second->pCommStatus, &plant.slot('C').commStatus);
     }
 }
 
@@ -355,9 +379,9 @@ TEST_F(ModuleData, WrongAddressesOfIdentification) {
     link().GetIdentification(0xE9, '1', &id);
     link().GetIdentification(0xED, '2', &id);
     EXPECT_EQ(said(),
-              "Err nodeOf: MODULO NON INIZIALIZZATO!!! MCUAdd:0xEC UPSAdd:1\n"
-              "Err nodeOf: MODULO NON INIZIALIZZATO!!! MCUAdd:0xE9 UPSAdd:1\n"
-              "Err nodeOf: MODULO NON INIZIALIZZATO!!! MCUAdd:0xED UPSAdd:2\n");
+              "Err GetIdentification: MODULO NON INIZIALIZZATO!!! MCUAdd:0xEC UPSAdd:1\n"
+              "Err GetIdentification: MODULO NON INIZIALIZZATO!!! MCUAdd:0xE9 UPSAdd:1\n"
+              "Err GetIdentification: MODULO NON INIZIALIZZATO!!! MCUAdd:0xED UPSAdd:2\n");
     EXPECT_EQ(std::memcmp(&id, &before, sizeof(id)), 0);
     EXPECT_TRUE(in().AsyncQC.isEmpty());
     EXPECT_TRUE(plant.in().AsyncQC.isEmpty());
@@ -393,7 +417,7 @@ TEST_F(ModuleData, WrongAddressesOfNominal) {
     EXPECT_EQ(said(),
               "Err GetNominal: GRAVE ERRORE DI INDIRIZZAMENTO\n"
               "Err GetNominal: GRAVE ERRORE DI INDIRIZZAMENTO\n"
-              "Err nodeOf: MODULO NON INIZIALIZZATO!!! MCUAdd:0xEC UPSAdd:1\n");
+              "Err GetNominal: MODULO NON INIZIALIZZATO!!! MCUAdd:0xEC UPSAdd:1\n");
     EXPECT_EQ(std::memcmp(&nominal, &before, sizeof(nominal)), 0);
 }
 
@@ -437,7 +461,7 @@ TEST_F(ModuleData, MeasuresOfAnotherCabinetAreAskedForOnceTheyAge) {
     EXPECT_EQ(std::memcmp(&data, &record, sizeof(data)), 0);
     log.clear();
     link().GetUPSStatus(0xEC, '1', &data);
-    EXPECT_EQ(said(), "Err nodeOf: MODULO NON INIZIALIZZATO!!! MCUAdd:0xEC UPSAdd:1\n");
+    EXPECT_EQ(said(), "Err GetUPSStatus: MODULO NON INIZIALIZZATO!!! MCUAdd:0xEC UPSAdd:1\n");
 }
 
 TEST_F(ModuleData, StatusDetailCanBeSet) {
@@ -463,6 +487,33 @@ TEST_F(ModuleData, CommunicationStateIsCopied) {
     link().GetUPSCommStatus(0xED, '2', &status);
     EXPECT_EQ(status.errorCnt, 9);
     EXPECT_EQ(said(), "Err GetUPSCommStatus: MODULO NON INIZIALIZZATO!!! MCUAdd:0xED UPSAdd:2\n");
+}
+
+// Every access to the records waits for whoever is at them.
+TEST_F(ModuleData, AccessWaitsForTheData) {
+    plant.module('A').identification.timestamp = 1;
+    plant.module('A').nominal.timestamp = 1;
+    plant.module('A').desc.module.data.timestamp = static_cast<time32_t>(VirtualClock::START_OF_WALL);
+    statusCoding_t detail = {};
+    commStatus_t status = {};
+    const std::vector<std::function<void()>> accesses = {
+        [&] { link().GetIdentification(0xEA, '1', &id); },    [&] { link().GetNominal(0xEA, '1', &nominal); },
+        [&] { link().GetUPSStatus(0xEA, '1', &data); },       [&] { link().SetUPSStatusDetail(0xEA, '1', &detail); },
+        [&] { link().GetUPSCommStatus(0xEA, '1', &status); }, [&] { link().clearErrorCnt(); },
+        [&] { link().DeRegisterModule(0xEA, '1'); },          [&] { link().RegisterModule(0xEA, '1'); },
+    };
+    for (std::size_t i = 0; i < accesses.size(); ++i) {
+        std::atomic<bool> isOver{false};
+        link().lockMLinkData();
+        std::thread other([&] {
+            accesses[i]();
+            isOver = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_FALSE(isOver) << i;
+        link().unlockMLinkData();
+        other.join();
+    }
 }
 
 TEST_F(ModuleData, ErrorsOfTheOwnModuleCanBeCleared) {
