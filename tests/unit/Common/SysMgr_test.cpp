@@ -18,6 +18,7 @@
 #include "support/FakeShm.h"
 #include "support/LinkThreads.h"
 #include "support/LogCapture.h"
+#include "support/Plant.h"
 #include "support/Replaced.h"
 #include "support/ScratchDir.h"
 #include "support/VirtualClock.h"
@@ -409,6 +410,9 @@ TEST_F(Lifecycle, StartAndOrderlyStop) {
                           absentLine('C') + absentLine('D') + threadLines));
     EXPECT_TRUE(mgr->pThMLink->isRunning());
     ASSERT_TRUE(appears(log, "FALLITO Comando DE inviato alla scheda 0x31")) << "it has left its idle state";
+    // It is let go only once the last of the bus queries is there.
+    const std::string start = log.text();
+    EXPECT_LT(start.rfind("Add Query "), start.find("FALLITO Comando DE"));
 
     log.clear();
     mgr.reset();
@@ -438,6 +442,29 @@ TEST_F(Lifecycle, OpensTheModulePortBeforeAnyThreadRuns) {
     EXPECT_FALSE(line.isOpen());
     EXPECT_FALSE(log.contains("Fermo la thread MLink")) << "it never ran";
     serialPort = nullptr;
+}
+
+// Registrations, tree, module link, bus.
+TEST(OrderlyStop, GoesBackTheWayOfTheStart) {
+    support::Plant::Options options;
+    options.hasModulePort = true;
+    support::Plant plant(options);
+    plant.registerAll();
+    LogCapture log;
+    plant.stop();
+    Lines order;
+    for (const support::LogEntry& entry : log.entries()) {
+        for (const char* const step : {"Modulo UPS 1 DeRegistrato", "shared memory deallocata", "Chiude il canale"}) {
+            if (entry.message.find(step) != std::string::npos) {
+                order.push_back(entry.function + ": " + step);
+            }
+        }
+    }
+    ASSERT_EQ(order.size(), 7U) << log.text();
+    EXPECT_EQ(order[3], "DeRegisterAll: Modulo UPS 1 DeRegistrato");
+    EXPECT_NE(order[4].find("shared memory deallocata"), std::string::npos);
+    EXPECT_EQ(order[5], "MLINK_End: Chiude il canale");
+    EXPECT_EQ(order[6], "CABP_End: Chiude il canale");
 }
 
 TEST_F(Lifecycle, StopRightAfterTheStart) {

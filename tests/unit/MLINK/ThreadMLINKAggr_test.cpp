@@ -1,58 +1,9 @@
-// The own module folded into the cabinet's record, and the panels of single modules.
-#include <cstring>
-
-#include "MLINK/ThreadMLINK.h"
-#include "unit/MLINK/ModuleLine.h"
+// The own module folded into the cabinet's record.
+#include "unit/MLINK/ModuleAggregation.h"
 
 namespace {
 
 using namespace modline;
-using Names = std::vector<std::string>;
-
-class ModuleAggregation : public OnTheLine {
-  protected:
-    ModuleAggregation() : node(plant.module('A')), m(node.desc.module.data), detail(node.desc.module.statusDetail) {
-        comm().isGood = true;
-        makeWell();
-        log.clear();
-    }
-    /// Feeds the load from the line; no alarm, all switches closed.
-    void makeWell() {
-        std::memset(&m, 0, sizeof(m));
-        std::memset(&detail, 0, sizeof(detail));
-        m.status.Output_Powered = 1;
-        m.status.Line_Present = 1;
-        m.extStatus.UPS_OK = 1;
-        m.switchStatus.Q1 = 1;
-        m.switchStatus.Bt_present = 1;
-        m.Vbatp = 270;
-        m.Vbatn = 271;
-        m.VbatRS = 540;
-        m.Aut_time = 3600;
-        m.Carica_adj = 90;
-        m.Frq_in = m.Frq_byp = m.Frq_out = 500;
-        root().status.Output_Powered = 1;
-    }
-    void run(std::int64_t ms = 1001) {
-        VirtualClock::advance(ms * MS);
-        in().aggregate('A');
-    }
-    void runs(int seconds) {
-        for (int i = 0; i < seconds; ++i) {
-            run(1001);
-        }
-    }
-    descUpsBox_t& box() { return plant.box('A').desc.upsBox; }
-    dataObject_t& ups() { return box().Ups; }
-    dataObject_t& root() { return plant.root().desc.sys.Ups; }
-    uint8& idu() { return plant.data('A').extendedBoardBox.idu; }
-    alarmStatus_t shelter() { return elemAlarm(box().subSystem.UPSShelter[0]); }
-    static time32_t now() { return static_cast<time32_t>(VirtualClock::wall() / SECOND); }
-
-    virtualNode_t& node;
-    dataObject_t& m;
-    statusCoding_t& detail;
-};
 
 // ---------------------------------------------------------------------------------------------------------------
 
@@ -245,6 +196,10 @@ TEST_F(ModuleAggregation, MeasuresAreCarried) {
     EXPECT_EQ(ups().Ibatn, 13);
     EXPECT_EQ(ups().Temp0, 30);
     EXPECT_EQ(ups().Temp1, 31);
+    EXPECT_EQ(ups().Temp2, 32);
+    EXPECT_EQ(ups().Temp3, 33);
+    EXPECT_EQ(ups().Temp4, 34);
+    EXPECT_EQ(ups().Temp5, 35);
     EXPECT_EQ(ups().Temp6, 36);
     EXPECT_EQ(ups().Cent_kwh, static_cast<decltype(ups().Cent_kwh + 0)>(0));
     EXPECT_EQ(ups().Aut_time, 3600);
@@ -293,6 +248,49 @@ TEST_F(ModuleAggregation, VoltagesAndFrequenciesFromTheirThresholds) {
         EXPECT_EQ(ups().Vbatp, c.taken ? c.batt : 0);
         EXPECT_EQ(ups().Vbatn, c.taken ? c.batt : 0);
     }
+}
+
+TEST_F(ModuleAggregation, MeansKeepTheirPhasesAndTheirPlaces) {
+    for (int l = 0; l < 3; ++l) {
+        m.Vin[l] = static_cast<uint16>(200 + l);
+        m.Vbyp[l] = static_cast<uint16>(210 + l);
+        m.Vout[l] = static_cast<uint16>(220 + l);
+        m.Uin[l] = static_cast<uint16>(380 + l);
+        m.Ubyp[l] = static_cast<uint16>(390 + l);
+        m.Uout[l] = static_cast<uint16>(400 + l);
+    }
+    m.Frq_in = 499;
+    m.Frq_byp = 501;
+    m.Frq_out = 502;
+    run();
+    for (int l = 0; l < 3; ++l) {
+        EXPECT_EQ(ups().Vin[l], 200 + l);
+        EXPECT_EQ(ups().Vbyp[l], 210 + l);
+        EXPECT_EQ(ups().Vout[l], 220 + l);
+        EXPECT_EQ(ups().Uin[l], 380 + l);
+        EXPECT_EQ(ups().Ubyp[l], 390 + l);
+        EXPECT_EQ(ups().Uout[l], 400 + l);
+    }
+    EXPECT_EQ(ups().Frq_in, 499);
+    EXPECT_EQ(ups().Frq_byp, 501);
+    EXPECT_EQ(ups().Frq_out, 502);
+    EXPECT_EQ(ups().VbatRS, 540);
+    EXPECT_EQ(ups().Vbatp, 270);
+    EXPECT_EQ(ups().Vbatn, 271);
+}
+
+TEST_F(ModuleAggregation, OnePhaseBelowItsThresholdLeavesTheOthers) {
+    for (int l = 0; l < 3; ++l) {
+        m.Vin[l] = l == 1 ? 79 : 230;
+        m.Uout[l] = l == 2 ? 138 : 400;
+    }
+    run();
+    EXPECT_EQ(ups().Vin[0], 230);
+    EXPECT_EQ(ups().Vin[1], 0);
+    EXPECT_EQ(ups().Vin[2], 230);
+    EXPECT_EQ(ups().Uout[0], 400);
+    EXPECT_EQ(ups().Uout[1], 400);
+    EXPECT_EQ(ups().Uout[2], 0);
 }
 
 TEST_F(ModuleAggregation, AutonomyNeedsTheBattery) {
@@ -394,6 +392,41 @@ TEST_F(ModuleAggregation, OutputThatDiffersFromTheSystemsCountsAfterFiveSeconds)
     EXPECT_EQ(ups().PMStatus.outputPoweredAnomaly, 0) << "it begins anew";
     runs(5);
     EXPECT_EQ(log.occurrences(WARNING), 2U);
+}
+
+// Whole seconds of the wall clock: five aren't enough.
+TEST_F(ModuleAggregation, DisagreementCountsFromItsSixthSecond) {
+    constexpr std::int64_t FIRST = 2000000000;
+    run();  // in agreement: the timers live as long as the process
+    root().status.Output_Powered = 0;
+    for (int age = 0; age <= 6; ++age) {
+        VirtualClock::advance(1001 * MS);
+        VirtualClock::setWall(FIRST + age);
+        in().aggregate('A');
+        EXPECT_EQ(ups().PMStatus.outputPoweredAnomaly, age > 5 ? 1 : 0) << age;
+        EXPECT_EQ(log.contains("Lo stato Output_Powered"), age > 5) << age;
+    }
+    // Without a module that takes part it ends, and begins anew.
+    comm().active = false;
+    run();
+    EXPECT_EQ(ups().PMStatus.outputPoweredAnomaly, 0);
+    comm().active = true;
+    runs(5);
+    EXPECT_EQ(ups().PMStatus.outputPoweredAnomaly, 0);
+}
+
+TEST_F(ModuleAggregation, EachOfFourAlarmsTakesTheOKAway) {
+    const struct {
+        uint8 alarm;
+        bool isOK;
+    } cases[] = {{0x01, false}, {0x02, false}, {0x04, false}, {0x08, false}, {0x20, true}, {0x00, true}};
+    for (const auto& c : cases) {
+        makeWell();
+        m.alarm.byte = c.alarm;
+        run();
+        EXPECT_EQ(ups().alarm.byte, c.alarm);
+        EXPECT_EQ(ups().extStatus.UPS_OK, c.isOK ? 1 : 0) << int(c.alarm);
+    }
 }
 
 TEST_F(ModuleAggregation, LostModuleDoesNotDisagreeWithTheSystem) {
@@ -538,6 +571,7 @@ TEST_F(ModuleAggregation, ClockIsSetAtEachRunUntilTheRequestIsGone) {
     run();
     EXPECT_EQ(module.frames, std::vector<Bytes>{frame(0x20, '1', "ST", text("010324120001"))});
     EXPECT_TRUE(isLocked);
+    EXPECT_EQ(ups().extStatus.byte, 0x81) << "the request shows in the cabinet";
     run();
     EXPECT_EQ(module.asked, (Names{"ST", "ST"}));
     m.extStatus.Clock_Update = 0;
@@ -552,79 +586,6 @@ TEST_F(ModuleAggregation, NoRootIsSurvived) {
     runs(10);
     tree = whole;
     EXPECT_EQ(ups().PMStatus.outputPoweredAnomaly, 0);
-}
-
-// ---------------------------------------------------------------------------------------------------------------
-
-TEST_F(ModuleAggregation, PanelSwitchesTheModule) {
-    node.panel.value = CMD_QPR_OFF;
-    run();
-    EXPECT_EQ(module.frames, std::vector<Bytes>{frame('A', '1', "DC", text("0"))});
-    EXPECT_EQ(node.panel.value, CMD_NONE);
-    node.panel.value = CMD_QPR_POWERON;
-    run();
-    EXPECT_EQ(module.frames.back(), frame('A', '1', "DC", text("1")));
-    EXPECT_EQ(node.panel.value, CMD_NONE);
-    EXPECT_EQ(module.frames.size(), 2U);
-}
-
-TEST_F(ModuleAggregation, PanelDoesNotSwitchOnTheWrongPower) {
-    m.PMStatus.wrongPower = 1;
-    node.panel.value = CMD_QPR_POWERON;
-    run();
-    EXPECT_TRUE(module.asked.empty());
-    EXPECT_EQ(node.panel.value, CMD_NONE);
-    node.panel.value = CMD_QPR_OFF;
-    run();
-    EXPECT_EQ(module.asked, Names{"DC"});
-}
-
-TEST_F(ModuleAggregation, PanelRefusesTheRest) {
-    for (int value = 0; value < 256; ++value) {
-        if (value == 4 || value == 5) {
-            continue;
-        }
-        log.clear();
-        node.panel.value = static_cast<cmdType_t>(value);
-        run();
-        EXPECT_EQ(node.panel.value, CMD_NONE);
-        if (value == 255) {
-            EXPECT_EQ(log.messages(), "");
-        } else if (value < 4) {
-            EXPECT_TRUE(log.has("Err", "Comando (" + std::to_string(value) + ") non supportato!!"));
-        } else {
-            EXPECT_TRUE(log.has("War", "Valore non previsto (" + std::to_string(value) + ")"));
-        }
-    }
-    EXPECT_TRUE(module.asked.empty());
-}
-
-TEST_F(ModuleAggregation, PanelOfAnotherCabinetsModuleGoesThroughTheBus) {
-    setElemAlarm(plant.box('C').desc.upsBox.subSystem.UPSShelter[0], faultAlarm);
-    plant.module('C').panel.value = CMD_QPR_OFF;
-    plant.module('B').panel.value = CMD_QPR_POWERON;  // its shelter tells that it is lost
-    setElemAlarm(plant.box('B').desc.upsBox.subSystem.UPSShelter[0], commLostAlarm);
-    run();
-    EXPECT_TRUE(module.asked.empty());
-    EXPECT_EQ(log.occurrences("all'armadio 0x43"), 5U);
-    EXPECT_TRUE(log.has("Err", "Comando accensione non accodato!"));
-    EXPECT_EQ(plant.module('B').panel.value, CMD_NONE);
-    EXPECT_EQ(plant.module('C').panel.value, CMD_NONE);
-    const Bytes sent = plant.line().writes().front();
-    EXPECT_EQ(sent, bus::frame(0xEA, 0xEC, "QT", frame('C', '1', "DC", text("0"))));
-}
-
-TEST_F(ModuleAggregation, PanelRunsOnceTheDataAreFree) {
-    bool isFree = false;
-    module.onQuery = [&](const std::string&) {
-        isFree = plant.in().mutexCABPData->tryLock();
-        if (isFree) {
-            plant.in().mutexCABPData->unlock();
-        }
-    };
-    node.panel.value = CMD_QPR_OFF;
-    run();
-    EXPECT_TRUE(isFree);
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "MLINK/ThreadMLINK.h"
+#include "support/Allocations.h"
 #include "unit/MLINK/ModuleLine.h"
 
 namespace {
@@ -85,6 +86,25 @@ TEST_F(SystemCommand, BusyModuleIsTriedFiveTimes) {
     EXPECT_EQ(log.occurrences("Errore errno:-5 nell'invio del comando CS al modulo 1@A"), 5U);
     EXPECT_TRUE(log.has("Err", "Errore errno:-5 nell'invio del comando CS al modulo 1@A"));
     EXPECT_FALSE(log.contains("ESCO"));
+}
+
+TEST_F(SystemCommand, FiveTriesAreThoseOfAllButTheBatteryTest) {
+    const struct {
+        const char* cmd;
+        std::function<int()> run;
+        int result;
+    } cases[] = {{"CP", [&] { return link().sysPowerOn(); }, -5},
+                 {"CR", [&] { return link().sysRestore(1, 1); }, -5},
+                 {"CD", [&] { return link().sysDeleteCmd(); }, -5},
+                 {"CB", [&] { return link().sysInv_Byp('1'); }, -1}};
+    for (const auto& c : cases) {
+        module.refuses[c.cmd] = '5';
+        module.asked.clear();
+        VirtualClock::clearWaits();
+        EXPECT_EQ(c.run(), c.result) << c.cmd;
+        EXPECT_EQ(module.asked, Names(5, c.cmd));
+        EXPECT_EQ(pauses(100), 4U) << c.cmd;
+    }
 }
 
 TEST_F(SystemCommand, BusyModuleThatGivesInEndsTheTries) {
@@ -193,6 +213,28 @@ TEST_F(SystemCommand, InverterBypassHoldsTheSequence) {
     plant.sys().mutexQCSeq->unlock();
 }
 
+// At the end of its round the bus thread finds the sequence running.
+TEST_F(SystemCommand, InverterBypassKeepsTheMasterRole) {
+    module.refuses["CB"] = '5';
+    plant.in().CurrFixQC = plant.in().FixQuery.end();
+    std::size_t rounds = 0;
+    VirtualClock::onWait([&](const VirtualClock::Wait& wait) {
+        if (wait.call == "QThread::msleep" && wait.us == 100 * MS) {
+            std::thread busThread([&] { plant.bus().StateMachine(); });
+            busThread.join();
+            ++rounds;
+        }
+    });
+    EXPECT_EQ(link().sysInv_Byp('0'), -1);
+    EXPECT_EQ(rounds, 4U);
+    EXPECT_EQ(log.occurrences("Sequenza comandi in corso non posso lasciare ruolo MASTER!"), 4U);
+    EXPECT_EQ(pauses(20), 4U);
+    EXPECT_EQ(plant.in().state, Master);
+    EXPECT_EQ(plant.in().CurrFixQC, plant.in().FixQuery.end());
+    plant.bus().StateMachine();
+    EXPECT_EQ(plant.in().CurrFixQC, plant.in().FixQuery.begin()) << "the next round begins once it is over";
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(SystemCommand, BatteryCheckIsQueued) {
@@ -220,6 +262,16 @@ TEST_F(SystemCommand, BatteryCheckOfAnotherCabinetIsQueuedOnTheBus) {
     EXPECT_EQ(Bytes(param, param + QC.ParamLen), frame('B', '1', "TB", text("000")));
 }
 
+TEST_F(SystemCommand, BatteryCheckThatCannotBeQueuedIsTold) {
+    makeMaster('B', 9);
+    support::failAllocation(1);  // the frame to wrap
+    const int ret = link().sysBatteryCheck();
+    support::failAllocation(0);
+    EXPECT_EQ(ret, -1);
+    EXPECT_TRUE(plant.in().AsyncQC.isEmpty());
+    EXPECT_TRUE(log.has("Err", "Errore errno:-1 nell'invio del comando TB al modulo 1@B"));
+}
+
 TEST_F(SystemCommand, BatteryCheckOfAPlantWithoutModulesIsNone) {
     plant.sys().numUPS = 0;
     EXPECT_EQ(link().sysBatteryCheck(), 0);
@@ -239,6 +291,15 @@ TEST_F(SystemCommand, BypassUnitsAreUnlockedOneByOne) {
     EXPECT_EQ(log.occurrences("all'armadio 0x42"), 5U);
     EXPECT_EQ(log.occurrences("all'armadio 0x43"), 0U);
     EXPECT_EQ(log.occurrences("all'armadio 0x44"), 5U);
+}
+
+TEST_F(SystemCommand, ResultOfTheLastBypassUnitCounts) {
+    for (const int id : {1, 2, 3}) {
+        plant.cfg().Ups[id].present = false;
+    }
+    module.refuses["CU"] = '5';
+    EXPECT_EQ(link().sysBypsUnlock(), -5);
+    EXPECT_EQ(module.asked, Names{"CU"}) << "tried once";
 }
 
 TEST_F(SystemCommand, BypassUnitsOfAPlantWithoutCabinets) {
@@ -294,6 +355,16 @@ TEST_F(SystemCommand, CM02IsPreparedAndSent) {
     module.refuses["CM"] = '2';
     EXPECT_EQ(link().sendCM02('A', '1', param), -2);
     EXPECT_TRUE(log.has("Err", "Comando CM02ab non accodato!"));
+    EXPECT_EQ(module.asked.size(), 4U) << "tried once";
+}
+
+TEST_F(SystemCommand, CM02OfALostModuleIsNotSent) {
+    setElemAlarm(plant.box('A').desc.upsBox.subSystem.UPSShelter[0], commLostAlarm);
+    link().enSa_Active('A', '1');
+    link().enSa_InverterOn('A', '1');
+    EXPECT_TRUE(module.asked.empty());
+    EXPECT_TRUE(log.has("Err", "Comando CM02<1 non accodato!"));
+    EXPECT_TRUE(log.has("Err", "Comando CM02<0 non accodato!"));
 }
 
 }  // namespace
