@@ -6,6 +6,7 @@
 #include "CABP/CABPInternal.h"
 #include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/CommandTable.h"
 #include "Common/SysMgr.h"
 
 namespace {
@@ -152,7 +153,7 @@ void CABP_ManageData(time_t timestamp, uint8* pckReply) {
     CABP_ExtractQuery(reply, pckReply);
     if (reply.MainCmd == cabp::NCK) {
         DBG_W("Ricevuto NAK, codice %c\n", reply.SubCmd);
-    } else if (const DataRow* const row = CABP_FindRow(dataTable, reply)) {
+    } else if (const DataRow* const row = findCommand(dataTable, reply)) {
         row->store(timestamp, reply);
     } else if (CABP_IsMainCmd(reply.MainCmd)) {
         DBG_E("SubCmd %c non supportato per il MainCmd %c\n", reply.SubCmd, reply.MainCmd);

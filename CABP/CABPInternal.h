@@ -4,8 +4,6 @@
 
 #include "CABP/CABP.h"
 
-// Tables of commands: rows that begin with `main` and `sub`.
-
 /// Whether any command can begin so. 'F' is reserved: nothing comes under it.
 constexpr bool CABP_IsMainCmd(uint8 main) {
     for (const char* known = "BCFGOQSTU"; *known != '\0'; ++known) {
@@ -14,16 +12,6 @@ constexpr bool CABP_IsMainCmd(uint8 main) {
         }
     }
     return false;
-}
-/// The row of a command, or null.
-template <typename Row, std::size_t N>
-const Row* CABP_FindRow(const Row (&table)[N], const pckStruct& cmd) {
-    for (const Row& row : table) {
-        if (row.main == cmd.MainCmd && row.sub == cmd.SubCmd) {
-            return &row;
-        }
-    }
-    return nullptr;
 }
 
 // Frames (CABP.cpp).

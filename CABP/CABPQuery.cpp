@@ -4,6 +4,7 @@
 
 #include "CABP/CABPInternal.h"
 #include "CABP/CABPTunnel.h"
+#include "Common/CommandTable.h"
 #include "DevMgr/ComDev.h"
 
 namespace {
@@ -52,7 +53,7 @@ uint16 CABP_GetReplyDataLen(const pckStruct& qcs) {
     if (CABP_IsTunnel(qcs)) {
         return CABP_GetTunnelReplyDataLen(qcs);
     }
-    if (const LengthRow* const row = CABP_FindRow(lengthTable, qcs)) {
+    if (const LengthRow* const row = findCommand(lengthTable, qcs)) {
         return row->replyDataLen;
     }
     if (CABP_IsMainCmd(qcs.MainCmd)) {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "CABP/CABPInternal.h"
+#include "Common/Monotonic.h"
 #include "DevMgr/ComDev.h"
 #include "DevMgr/TTYDev.h"
 
@@ -69,16 +70,6 @@ void withdrawDescriptor() {
     while (handlersRunning != 0) {
         std::this_thread::yield();
     }
-}
-
-struct timespec monotonicNow() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now;
-}
-
-int64_t elapsedMs(const struct timespec& from, const struct timespec& to) {
-    return (static_cast<int64_t>(to.tv_sec) - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1000000;
 }
 
 void reopenPort() {

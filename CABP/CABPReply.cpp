@@ -5,6 +5,7 @@
 #include "CABP/CABPInternal.h"
 #include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/CommandTable.h"
 #include "Common/SysMgr.h"
 
 namespace {
@@ -154,7 +155,7 @@ constexpr ReplyRow replyTable[] = {
 int CABP_ManageReply(const pckStruct& qcs) {
     CABP_UpdateLastMaster(qcs.Src);
     int ret = FAIL;
-    if (const ReplyRow* const row = CABP_FindRow(replyTable, qcs)) {
+    if (const ReplyRow* const row = findCommand(replyTable, qcs)) {
         ret = row->reply(qcs);
     } else if (CABP_IsMainCmd(qcs.MainCmd)) {
         if (qcs.MainCmd == 'C' && qcs.SubCmd == 'N') {

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "Common/Monotonic.h"
 #include "Common/SysMgr.h"
 #include "MLINK/ThreadMLINK.h"
 #include "Measure/elemDesc.h"
@@ -69,17 +70,6 @@ bool isCommand(const pckStruct& query) {
 
 bool isOfGroupMaster(uint8 Addr) {
     return (Addr & 0xF0) == GROUPMASTER;
-}
-
-struct timespec monotonicNow() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now;
-}
-
-int64_t elapsedMs(const struct timespec& from) {
-    const struct timespec to = monotonicNow();
-    return (static_cast<int64_t>(to.tv_sec) - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1000000;
 }
 
 }  // namespace
@@ -258,7 +248,7 @@ bool CABPMgr::drainAsyncQC() {
                 msleep(FAILEDQUERYPAUSE);
                 break;
             case DrainStep::Retry:
-                if (CABP_ch == CHANNELCLOSED || elapsedMs(begun) < SHORTESTEXCHANGE) {
+                if (CABP_ch == CHANNELCLOSED || elapsedMs(begun, monotonicNow()) < SHORTESTEXCHANGE) {
                     msleep(FAILEDQUERYPAUSE);
                 }
                 break;
@@ -321,7 +311,7 @@ int CABPMgr::ManageCmd(QCMgr* elem) {
     }
     // Without a tree no node is active and no failure counts: on a dead port nothing else would pace the walks.
     const bool isUncounted = elem->pCommStatus != nullptr && !elem->pCommStatus->active;
-    if (ret == FAIL && isUncounted && elapsedMs(begun) < SHORTESTEXCHANGE) {
+    if (ret == FAIL && isUncounted && elapsedMs(begun, monotonicNow()) < SHORTESTEXCHANGE) {
         msleep(DEADPORTPAUSE);
     }
     const myMutexLocker data(mutexCABPData);

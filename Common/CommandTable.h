@@ -1,24 +1,29 @@
-// Look-up in a table of two-letter commands.
+// Look-up in a table of two-letter commands: rows that begin with `main` and `sub`.
 #ifndef COMMON_COMMANDTABLE_H
 #define COMMON_COMMANDTABLE_H
 
-#include "Common/Common.h"
+#include "Common/QueuesMgr.h"
 
-/// Entry of (`MainCmd`, `SubCmd`), or null; `mainKnown` tells whether any entry has that MainCmd, since the two ways of
-/// not being known have messages of their own.
-template <typename Entry, std::size_t N>
-const Entry* findCommand(const Entry (&table)[N], uint8 MainCmd, uint8 SubCmd, bool& mainKnown) {
-    mainKnown = false;
-    for (const Entry& entry : table) {
-        if (entry.MainCmd != MainCmd) {
-            continue;
-        }
-        mainKnown = true;
-        if (entry.SubCmd == SubCmd) {
-            return &entry;
+/// The row of a command, or null.
+template <typename Row, std::size_t N>
+const Row* findCommand(const Row (&table)[N], const pckStruct& cmd) {
+    for (const Row& row : table) {
+        if (row.main == cmd.MainCmd && row.sub == cmd.SubCmd) {
+            return &row;
         }
     }
     return nullptr;
+}
+
+/// Whether any row has this MainCmd: the two ways of not being known have messages of their own.
+template <typename Row, std::size_t N>
+bool hasMainCmd(const Row (&table)[N], uint8 main) {
+    for (const Row& row : table) {
+        if (row.main == main) {
+            return true;
+        }
+    }
+    return false;
 }
 
 #endif

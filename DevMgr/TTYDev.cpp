@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Common/Monotonic.h"
+
 // Lines of a port begin with its device; those below error level only where the port asks for them.
 #define lDBG_E(p, format, ...) DBG_E("dev:%s " format, (p)->dev, __VA_ARGS__)
 #define lDBG_P(p, format, ...) DBG_P("dev:%s " format, (p)->dev, __VA_ARGS__)
@@ -140,11 +142,6 @@ bool isDeviceGone(int error) {
 int bytesWaiting(int fd) {
     int count = 0;
     return ioctl(fd, FIONREAD, &count) != 0 ? -1 : count;
-}
-
-// Whole milliseconds from one reading of the clock to another: seconds and nanoseconds each by themselves.
-long long elapsedMs(const struct timespec& from, const struct timespec& to) {
-    return (static_cast<long long>(to.tv_sec) - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1000000;
 }
 
 // A write that waits, on a descriptor that doesn't: goes on where the driver's buffer was full. As write() on a
@@ -314,8 +311,7 @@ int32 ttyd_read_timeout(ttyd_port_t* p, uint8* buf, uint32 buf_len, uint32* read
     if (fd >= 0) {
         FD_SET(fd, &readSet);
     }
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
+    struct timespec start = monotonicNow();
     if (buf_len == 0) {
         return TTYD_ERR_NOERROR;
     }
@@ -333,7 +329,7 @@ int32 ttyd_read_timeout(ttyd_port_t* p, uint8* buf, uint32 buf_len, uint32* read
             if (n > 0) {
                 *read_len += static_cast<uint32>(n);
                 buf += n;
-                clock_gettime(CLOCK_MONOTONIC, &start);
+                start = monotonicNow();
                 woken = false;
                 if (*read_len == buf_len) {
                     lPROFILE(p, "ttyd_read_timeout", "Stop");
@@ -358,9 +354,8 @@ int32 ttyd_read_timeout(ttyd_port_t* p, uint8* buf, uint32 buf_len, uint32* read
         struct timeval pause = {0, READ_PAUSE_US};
         const int ready = select(fd + 1, &readSet, nullptr, nullptr, &pause);
         const int error = errno;
-        struct timespec stop;
-        clock_gettime(CLOCK_MONOTONIC, &stop);
-        if (static_cast<long long>(timeout) <= elapsedMs(start, stop)) {
+        const struct timespec stop = monotonicNow();
+        if (static_cast<std::int64_t>(timeout) <= elapsedMs(start, stop)) {
             lPROFILE(p, "ttyd_read_timeout", "Stop");
             return TTYD_ERR_TIMEOUT;
         }

@@ -105,7 +105,7 @@ uint32 MLINK_GetLen(const uint8* frame) {
 
 uint16 MLINK_BuildQuery(const pckStruct& qcs, uint8*& query) {
     const uint32 n = qcs.ParamLen;
-    // The full sum, although the wire keeps lengths in 8 bits: what is copied must fit.
+    // The full sum, although the wire keeps lengths in 8 bits: whoever copies the frame must copy all of it.
     const size_t size = static_cast<size_t>(n) + MLINK_HEAD_QUEUE_LEN;
     query = static_cast<uint8*>(std::calloc(1, size));
     if (query == nullptr) {
@@ -128,7 +128,7 @@ uint16 MLINK_BuildQuery(const pckStruct& qcs, uint8*& query) {
         MLINK_SetCRC(query, n);
     }
     query[size - 1] = ETX;
-    return static_cast<uint16>(size & 0xFF);
+    return static_cast<uint16>(size);
 }
 
 void MLINK_ExtractQuery(pckStruct& query, uint8* pck) {

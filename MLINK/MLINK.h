@@ -29,7 +29,8 @@ int MLINK_End();
 /// Writes the low `strLen` nibbles of `data`, most significant first, each plus 0x30, without terminator. Lengths 2, 3,
 /// 4, 5 and 8 only.
 void MLINK_Dec2DCd(uint32 data, uint8* str, uint8 strLen);
-/// Builds a frame of ParamLen + 12 bytes (kept to 8 bits on the wire) with malloc.
+/// Builds a frame of ParamLen + 12 bytes with malloc. On the line lengths are kept in 8 bits: the characters of the
+/// data's, the bytes under the check, the bytes that are sent.
 uint16 MLINK_BuildQuery(const pckStruct& qcs, uint8*& query);
 /// Takes a frame apart; pParam then points into the frame. No check of any kind; reads 7 bytes.
 void MLINK_ExtractQuery(pckStruct& query, uint8* pck);

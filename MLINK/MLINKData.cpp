@@ -243,8 +243,8 @@ void decodeRC(virtualNode_t& node, const pckStruct& reply, time_t timestamp) {
 // What happens with a reply, by command.
 enum class Action { Acknowledge, Decode, Nothing, RefuseGM };
 struct Command {
-    uint8 MainCmd;
-    uint8 SubCmd;
+    uint8 main;
+    uint8 sub;
     Action action;
     Decoder decode;
     uint16 length;  // data that the decoding reads
@@ -290,9 +290,7 @@ void decodeInto(uint8 boxId, time_t timestamp, const pckStruct& reply, const Com
 void MLINK_ManageData(uint8 boxId, time_t timestamp, uint8* pckReply) {
     pckStruct reply;
     MLINK_ExtractQuery(reply, pckReply);
-    bool mainKnown;
-    const Command* command = findCommand(commands, reply.MainCmd, reply.SubCmd, mainKnown);
-    if (command != nullptr) {
+    if (const Command* const command = findCommand(commands, reply)) {
         switch (command->action) {
             case Action::Acknowledge:
                 MLINK_ACKVerify(boxId, timestamp, reply);
@@ -309,7 +307,7 @@ void MLINK_ManageData(uint8 boxId, time_t timestamp, uint8* pckReply) {
         }
         return;
     }
-    if (mainKnown) {
+    if (hasMainCmd(commands, reply.MainCmd)) {
         DBG_E("SubCmd %c non supportato per il MainCmd %c\n", reply.SubCmd, reply.MainCmd);
     } else {
         DBG_E("MainCmd %c non supportato\n", reply.MainCmd);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Common/CommandTable.h"
+#include "Common/Monotonic.h"
 #include "DevMgr/ComDev.h"
 #include "DevMgr/TTYDev.h"
 #include "MLINK/MLINK.h"
@@ -16,23 +17,10 @@ constexpr uint32 READTIMEOUT = 5000;      // ms, limit of silence in a block rea
 constexpr uint32 STARTTIMEOUT = 1000;     // ms, limit of silence while a start byte is hunted for
 constexpr std::int64_t HUNTLIMIT = 9999;  // ms, limit of the whole hunt
 
-struct timespec monotonicNow() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now;
-}
-
-// Whole milliseconds since `start`.
-std::int64_t elapsedMs(const struct timespec& start) {
-    const struct timespec now = monotonicNow();
-    const std::int64_t seconds = static_cast<std::int64_t>(now.tv_sec) - start.tv_sec;
-    return (seconds * 1000000000 + now.tv_nsec - start.tv_nsec) / 1000000;
-}
-
 // Length of the reply's data by command. DC is not here: it depends on the query's own content.
 struct ReplyLength {
-    uint8 MainCmd;
-    uint8 SubCmd;
+    uint8 main;
+    uint8 sub;
     uint16 length;
 };
 constexpr ReplyLength replyLengths[] = {
@@ -102,12 +90,10 @@ uint16 MLINK_GetReplyDataLen(const pckStruct& qcs) {
     if (qcs.MainCmd == 'D' && qcs.SubCmd == 'C') {
         return replyLengthOfDC(qcs);
     }
-    bool mainKnown;
-    const ReplyLength* entry = findCommand(replyLengths, qcs.MainCmd, qcs.SubCmd, mainKnown);
-    if (entry != nullptr) {
-        return entry->length;
+    if (const ReplyLength* const row = findCommand(replyLengths, qcs)) {
+        return row->length;
     }
-    if (mainKnown) {
+    if (hasMainCmd(replyLengths, qcs.MainCmd)) {
         DBG_E("SubCmd %c non supportato per il MainCmd %c\n", qcs.SubCmd, qcs.MainCmd);
     } else {
         DBG_E("MainCmd %c non supportato\n", qcs.MainCmd);
@@ -116,7 +102,8 @@ uint16 MLINK_GetReplyDataLen(const pckStruct& qcs) {
 }
 
 int MLINK_Send(const uint8* stream, uint16 len) {
-    return ComDev_Send(MLINK_ch, stream, len);
+    // The line keeps lengths in 8 bits.
+    return ComDev_Send(MLINK_ch, stream, static_cast<uint8>(len));
 }
 
 int MLINK_Rcv(uint8* stream, const uint8* len) {
@@ -134,7 +121,7 @@ int MLINK_Rcv(uint8* stream, const uint8* len) {
             return FAIL;
         }
         // Before the byte is looked at: one that comes too late is lost, a start byte too.
-        if (elapsedMs(start) > HUNTLIMIT) {
+        if (elapsedMs(start, monotonicNow()) > HUNTLIMIT) {
             DBG_E("Errore ricezione: TIMEOUT!\n");
             return FAIL;
         }

@@ -159,8 +159,8 @@ uint8 buildNothing(pckStruct& /*qcs*/, uint8*& /*reply*/, time_t& /*timestamp*/)
 }
 
 struct Command {
-    uint8 MainCmd;
-    uint8 SubCmd;
+    uint8 main;
+    uint8 sub;
     Builder build;
 };
 constexpr Command commands[] = {
@@ -178,11 +178,9 @@ int MLINK_BuildReply(pckStruct& qcs, uint8*& reply, uint8& replyLen, time_t& tim
     reply = nullptr;
     replyLen = 0;
     timestamp = 0;
-    bool mainKnown;
-    const Command* command = findCommand(commands, qcs.MainCmd, qcs.SubCmd, mainKnown);
-    if (command != nullptr) {
+    if (const Command* const command = findCommand(commands, qcs)) {
         replyLen = command->build(qcs, reply, timestamp);
-    } else if (mainKnown) {
+    } else if (hasMainCmd(commands, qcs.MainCmd)) {
         DBG_E("SubCmd %c non supportato per il MainCmd %c\n", qcs.SubCmd, qcs.MainCmd);
     } else {
         DBG_E("MainCmd %c non supportato\n", qcs.MainCmd);

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "CABP/CABPTypes.h"
+#include "Common/Monotonic.h"
 #include "Common/SysMgr.h"
 
 namespace {
@@ -22,8 +23,14 @@ constexpr uint8 REFUSED_SUBCMD = 2;
 constexpr uint8 REFUSED_BUSY = 5;
 constexpr uint8 REFUSED_FOR_GOOD = 7;
 
-std::int64_t elapsedMs(const struct timespec& from, const struct timespec& to) {
-    return (static_cast<std::int64_t>(to.tv_sec) - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1000000;
+// Whether an exchange brought a reply, of whatever kind, is seen by the start byte in the buffer.
+void forgetReply(const QCMgr& query) {
+    if (query.pckReply != nullptr) {
+        query.pckReply[0] = 0;
+    }
+}
+bool hasReply(const QCMgr& query) {
+    return query.pckReply != nullptr && query.pckReply[0] == mlink::STX;
 }
 
 }  // namespace
@@ -45,7 +52,7 @@ MLINKMgr::MLINKMgr(QObject* parent)
     mutexState = new myMutex(QStringLiteral("mutexState"));
     mutexMLinkChannel = new myMutex(QStringLiteral("mutexMLinkChannel"));
     mutexMLinkData = new myMutex(QStringLiteral("mutexMLinkData"));
-    clock_gettime(CLOCK_MONOTONIC, &lastTime);
+    lastTime = monotonicNow();
 }
 
 MLINKMgr::~MLINKMgr() {
@@ -115,7 +122,7 @@ void MLINKMgr::StateMachine() {
 // No delay, deliberately: registration is over after a short time.
 void MLINKMgr::idlePass() {
     iteration = COUNTDOWN_ITERATION;
-    clock_gettime(CLOCK_MONOTONIC, &lastTime);
+    lastTime = monotonicNow();
     lastidu = 255;
     DBG_P("MLinkIdle\n");
     if (requestUnlockIdlePending) {
@@ -163,11 +170,10 @@ void MLINKMgr::drainAsyncQC() {
     QCMgr* query;
     while (!stopped && peekAsyncQC(query)) {
         const bool isSV = query->QC.MainCmd == 'S' && query->QC.SubCmd == 'V';
-        struct timespec begun;
-        struct timespec ended;
-        clock_gettime(CLOCK_MONOTONIC, &begun);
+        forgetReply(*query);
+        const struct timespec begun = monotonicNow();
         const int ret = ManageCmd(query);
-        clock_gettime(CLOCK_MONOTONIC, &ended);
+        const bool tookNoTime = elapsedMs(begun, monotonicNow()) < EXCHANGE_MIN;
         if (ret == SUCC || ret == NORET) {
             headAsyncQC();
             continue;
@@ -178,8 +184,8 @@ void MLINKMgr::drainAsyncQC() {
             continue;
         }
         // Without a line nothing else would pace the retries. A port that is open but dead shows by an exchange that
-        // took no time: on a line the query alone takes a millisecond.
-        if (ret == COMMERR || MLINK_ch > 254 || elapsedMs(begun, ended) < EXCHANGE_MIN) {
+        // took no time and brought nothing: silence costs a second.
+        if (ret == COMMERR || MLINK_ch > 254 || (tookNoTime && !hasReply(*query))) {
             msleep(PAUSE_AFTER_FAILURE);
         }
     }
@@ -188,8 +194,7 @@ void MLINKMgr::drainAsyncQC() {
 void MLINKMgr::endOfRound() {
     static struct timespec lastRoundCompleted = {0, 0};
     restartFixRound();
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    const struct timespec now = monotonicNow();
     if (elapsedMs(lastRoundCompleted, now) < ROUND_PACE) {
         if (!DelayedQC.isEmpty()) {
             do {

@@ -5,6 +5,7 @@
 
 #include "CABP/CABP.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/Monotonic.h"
 #include "Common/SysMgr.h"
 #include "MLINK/MLINKInternal.h"
 #include "MLINK/ThreadMLINK.h"
@@ -213,10 +214,6 @@ void storeMeans(Run& run) {
     ups.Frq_out = static_cast<uint16>(run.frqOut.value());
 }
 
-std::int64_t elapsedMs(const struct timespec& from, const struct timespec& to) {
-    return (static_cast<std::int64_t>(to.tv_sec) - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1000000;
-}
-
 // One set for the life of the process, started by the first run.
 struct Timers {
     explicit Timers(time32_t now)
@@ -354,8 +351,7 @@ void MLINKMgr::AggregateUPS(ModuleQueriesData_t (*modules)[MAXUPSxUPSBOX]) {
     ModuleQueriesData_t& slot = (*modules)[0];
     Run run;
     run.now = NOW();
-    struct timespec clock;
-    clock_gettime(CLOCK_MONOTONIC, &clock);
+    const struct timespec clock = monotonicNow();
     if (elapsedMs(lastTime, clock) <= PACE) {
         return;
     }

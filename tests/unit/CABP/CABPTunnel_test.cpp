@@ -232,6 +232,7 @@ TEST_F(Tunnel, WithoutMemoryThereIsNoAnswer) {
     EXPECT_TRUE(sent.empty());
     EXPECT_EQ(log.messages(), std::string("malloc fallita!!\n") + FAILED + "Pacchetto incapsulato GN da 'A' per '1'\n");
     EXPECT_EQ(log.entries().front().function, "CABP_QTReply");
+    EXPECT_EQ(log.errors(), 3u);
 }
 
 TEST_F(Tunnel, AnAnswerThatCannotBeSentTellsTheInnerCommandToo) {
@@ -243,6 +244,7 @@ TEST_F(Tunnel, AnAnswerThatCannotBeSentTellsTheInnerCommandToo) {
     const std::string last = std::string(FAILED) + "Pacchetto incapsulato GN da 'C' per '1'\n";
     ASSERT_GE(text.size(), last.size());
     EXPECT_EQ(text.substr(text.size() - last.size()), last);
+    EXPECT_TRUE(log.has("Err", "Pacchetto incapsulato GN da 'C' per '1'"));
 }
 
 TEST_F(Tunnel, AFailedQueryTellsTheInnerCommandToo) {

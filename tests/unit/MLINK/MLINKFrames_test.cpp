@@ -124,7 +124,7 @@ TEST(Query, CarriesItsParameters) {
 TEST(Query, LengthsStandInEightBitsOnTheWireButTheMemoryHoldsTheWholeFrame) {
     Bytes data = bus::filler(255);
     uint8* pck = nullptr;
-    EXPECT_EQ(MLINK_BuildQuery(query('A', '1', "CS", &data), pck), 11);
+    EXPECT_EQ(MLINK_BuildQuery(query('A', '1', "CS", &data), pck), 267);
     ASSERT_NE(pck, nullptr);
     EXPECT_EQ(Bytes(pck, pck + 7), (Bytes{0x02, 'A', '1', 'C', 'S', '?', '?'}));
     EXPECT_EQ(Bytes(pck + 7, pck + 262), data);

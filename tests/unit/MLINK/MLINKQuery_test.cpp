@@ -225,6 +225,20 @@ TEST_F(Exchange, AWrongCheckLeavesNoCode) {
     EXPECT_TRUE(log.contains(failed("RS")));
 }
 
+TEST_F(Exchange, AQueryTooLongForTheLineIsCutThereAndNowhereElse) {
+    for (const std::size_t n : {244u, 248u, 250u, 255u}) {
+        line().clearSent();
+        Bytes data = bus::filler(n);
+        const QCMgr built = make("CS", 0x20, &data);
+        const QCMgr q(built);  // as the queues keep it
+        EXPECT_EQ(q.buildQueryLen, n + 12);
+        EXPECT_EQ(q.expectedReplyLen, 12);
+        line().feed(frame('1', 0x20, "CS"), 20000);
+        EXPECT_EQ(MLINK_ManageQuery(const_cast<QCMgr&>(q)), 0);
+        EXPECT_EQ(line().sent(), Bytes(q.pckQuery, q.pckQuery + (n + 12 - 256))) << n;
+    }
+}
+
 TEST_F(Exchange, AQueryWithoutItsFrameFails) {
     QCMgr q = make("RS");
     uint8* const pck = q.pckQuery;

@@ -74,10 +74,11 @@ class Module {
     explicit Module(support::FakeLine& line) : line_(line) {
         line.onWrite([this](const Bytes& bytes) { take(bytes); });
     }
-    std::map<std::string, char> refuses;   ///< with this code
-    std::map<std::string, int> refusals;   ///< how often, where not always
-    std::set<std::string> silent;          ///< commands that get no answer
-    bool dead = false;                     ///< nothing gets an answer
+    std::map<std::string, char> refuses;  ///< with this code
+    std::map<std::string, int> refusals;  ///< how often, where not always
+    std::set<std::string> silent;         ///< commands that get no answer
+    bool dead = false;                    ///< nothing gets an answer
+    std::int64_t thinks = 3 * MS;
     std::map<std::string, Bytes> answers;  ///< data to answer with
     std::function<void(const std::string&)> onQuery;
 
@@ -104,13 +105,13 @@ class Module {
         if (refused != refuses.end()) {
             const auto left = refusals.find(cmd);
             if (left == refusals.end() || left->second-- > 0) {
-                line_.feed(frame(bytes[2], bytes[1], {0x15, refused->second}), 3 * MS);
+                line_.feed(frame(bytes[2], bytes[1], {0x15, refused->second}), thinks);
                 return;
             }
         }
         const auto given = answers.find(cmd);
         line_.feed(frame(bytes[2], bytes[1], cmd, given != answers.end() ? given->second : Bytes(lengthOf(cmd), '0')),
-                   3 * MS);
+                   thinks);
     }
     static std::size_t lengthOf(const std::string& cmd) {
         static const std::map<std::string, std::size_t> lengths = {

@@ -1,6 +1,7 @@
 // The module thread: idle state, commands before polling, the round, and the consequences of an exchange.
 #include "MLINK/ThreadMLINK.h"
 
+#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -288,6 +289,52 @@ TEST_F(Commands, DeadPortIsPaced) {
     EXPECT_GE(VirtualClock::now() - begun, 10 * 250 * MS);
     EXPECT_EQ(log.occurrences("FALLITO Comando CP"), 10U) << "one try per pause";
     EXPECT_EQ(in().async(), Names{"CP"});
+}
+
+// As on a pseudo-terminal: neither the bytes nor the module take any time.
+class FastLine : public ModuleThreadTest {
+  protected:
+    FastLine() : ModuleThreadTest(withoutTime()) {
+        struct termios settings = plant.moduleLine().settings();
+        cfsetospeed(&settings, B230400);  // none of the fake line's speeds
+        EXPECT_EQ(tcsetattr(plant.moduleLine().descriptor(), TCSANOW, &settings), 0);
+        module.thinks = 0;
+        comm().isGood = true;
+    }
+    static Plant::Options withoutTime() {
+        Plant::Options options = withModule();
+        options.moduleBaud = 0;
+        return options;
+    }
+};
+
+TEST_F(FastLine, BusyModuleIsAskedAgainAtOnceToo) {
+    module.refuses["CP"] = '5';
+    module.refusals["CP"] = 4;
+    queue("CP");
+    const std::int64_t begun = VirtualClock::now();
+    pass();
+    EXPECT_EQ(module.asked, (Names{"CP", "CP", "CP", "CP", "CP", "DE"}));
+    EXPECT_EQ(VirtualClock::now(), begun) << "no time at all";
+}
+
+TEST_F(FastLine, ThatDiesIsPacedAfterTheLastReply) {
+    module.refuses["CP"] = '5';
+    queue("CP");
+    module.onQuery = [this](const std::string&) {
+        if (module.asked.size() == 3) {
+            plant.moduleLine().fail(LineCall::Write, EIO, 1, 1000000);
+        }
+    };
+    int turns = 0;
+    VirtualClock::onWait([&](const VirtualClock::Wait& wait) {
+        if (wait.call == "QThread::msleep" && ++turns == 10) {
+            link().Stop();
+        }
+    });
+    pass();
+    EXPECT_EQ(module.asked, Names(3, "CP"));
+    EXPECT_EQ(log.occurrences("FALLITO Comando CP"), 3U + 10U) << "one try per pause";
 }
 
 TEST(CommandsWithoutAPort, ArePaced) {
