@@ -152,6 +152,21 @@ TEST_F(Exchange, SilenceCostsASecondAndLeaves255) {
     EXPECT_EQ(log.errors(), 2u);
 }
 
+TEST_F(Exchange, AReadThatFailsLeaves255AndAnOpenPort) {
+    const QCMgr q = make("RS");
+    const Bytes answer = frame('1', 0x20, "RS", bus::filler(58));
+    line().fail(LineCall::Read, EIO);
+    errnoMLink = 5;
+    EXPECT_EQ(exchange(q, &answer), -1);
+    EXPECT_EQ(errnoMLink, 255);
+    EXPECT_TRUE(log.contains("Provo a resettare la seriale"));
+    EXPECT_TRUE(log.contains(failed("RS")));
+    EXPECT_EQ(line().calls(LineCall::Open), 2u);
+    log.clear();
+    EXPECT_EQ(exchange(q, &answer), 0) << "the next one is as ever";
+    EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(Exchange, ASendThatFailsLeavesTheResultOfTheExchangeBefore) {
     const QCMgr q = make("RS");
     for (const uint8 before : {0, 5, 255}) {
