@@ -4,7 +4,7 @@ import collections
 import re
 import time
 
-PREFIX = re.compile(r"^ *(\d+)-> \[(\d\d):(\d\d):(\d\d)\] (\S+) (Err|Dbg|War|) \((\w+)\): (.*)$", re.S)
+PREFIX = re.compile(r"^ *(\d+)-> \[(\d\d):(\d\d):(\d\d)\] (\S+) (Err|Dbg|War|) \((~?\w+)\): (.*)$", re.S)
 
 Line = collections.namedtuple("Line", "pid time file level function message text")
 
