@@ -82,6 +82,15 @@ class Module {
     std::map<std::string, Bytes> answers;  ///< data to answer with
     std::function<void(const std::string&)> onQuery;
 
+    /// Of the data in a command's reply.
+    static std::size_t lengthOf(const std::string& cmd) {
+        static const std::map<std::string, std::size_t> lengths = {
+            {"DE", 58}, {"DS", 58}, {"GE", 16}, {"GI", 56}, {"GM", 4},   {"GN", 22}, {"RB", 109},
+            {"RC", 44}, {"RE", 58}, {"RK", 58}, {"RS", 58}, {"RX", 169}, {"SV", 4}};
+        const auto entry = lengths.find(cmd);
+        return entry == lengths.end() ? 0 : entry->second;
+    }
+
     std::vector<std::string> asked;  ///< commands in order
     std::vector<Bytes> frames;       ///< the same, whole
     /// Parameter characters of the last query.
@@ -113,14 +122,6 @@ class Module {
         line_.feed(frame(bytes[2], bytes[1], cmd, given != answers.end() ? given->second : Bytes(lengthOf(cmd), '0')),
                    thinks);
     }
-    static std::size_t lengthOf(const std::string& cmd) {
-        static const std::map<std::string, std::size_t> lengths = {
-            {"DE", 58}, {"DS", 58}, {"GE", 16}, {"GI", 56}, {"GM", 4},   {"GN", 22}, {"RB", 109},
-            {"RC", 44}, {"RE", 58}, {"RK", 58}, {"RS", 58}, {"RX", 169}, {"SV", 4}};
-        const auto entry = lengths.find(cmd);
-        return entry == lengths.end() ? 0 : entry->second;
-    }
-
     support::FakeLine& line_;
 };
 
