@@ -107,6 +107,45 @@ TEST_F(ModuleTranscript, LostAndReturned) {
     EXPECT_TRUE(isGolden("module_lost"));
 }
 
+// The two threads in turn: some polls, then a round of the bus with the cabinet's nominal values and its record.
+TEST_F(ModuleTranscript, LostAndReturnedOnBothLines) {
+    begin();
+    Bytes record;
+    const auto round = [&](int polls) {
+        pass(polls);
+        tell(stateOfModule());
+        for (int i = 0; i < 3; ++i) {
+            plant->bus().MasterAction();
+        }
+        for (const Bytes& sent : plant->line().writes()) {
+            if (sent[2] != 0xFF || sent[4] != 'S') {
+                continue;
+            }
+            std::string changed;
+            for (std::size_t i = 7; i < sent.size() - 3 && !record.empty(); ++i) {
+                if (sent[i] != record[i]) {
+                    changed += " " + std::to_string(i - 7) + ": " + support::hex(&record[i], 1) + " > " +
+                               support::hex(&sent[i], 1) + ";";
+                }
+            }
+            record = sent;
+            tell("the record's data, changed:" + changed);
+        }
+        plant->line().clearSent();
+    };
+    pass(8);
+    tell("all is well");
+    round(8);
+    tell("the module falls silent");
+    module.will(Peer::Silent, 4);
+    round(1);
+    round(1);
+    round(2);
+    tell("the module is back");
+    round(8);
+    EXPECT_TRUE(isGolden("module_lost_both_lines"));
+}
+
 TEST_F(ModuleTranscript, EachPolledQueryInEachWay) {
     begin();
     struct Way {
