@@ -9,7 +9,7 @@ import pytest
 from sim import mstates
 from sim.bus import Node
 from sim.mdata import FLAGS, LENGTHS, ModuleData
-from sim.mlink import CARD, Frame, encode, nibbles, number, parse
+from sim.mlink import CARD, encode, nibbles, number, parse
 from sim.module import COMMANDS, Line, Module
 from sim.plant import ModuleModel, Plant
 from sim.unit import BATTERY, BYPASS, LOCK, MAINS, OFF, Unit

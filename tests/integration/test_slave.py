@@ -4,7 +4,7 @@ import pytest
 
 from sim import frames
 from sim.cabinet import Cabinet
-from sim.records import (Battery, CabinetStatus, Identification, Measures, Nominal, StatusReply, blank_identification,
+from sim.records import (Battery, CabinetStatus, Identification, Measures, Nominal, StatusReply,
                          blank_module_identification)
 
 NOW = 1700000000
