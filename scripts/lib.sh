@@ -7,6 +7,7 @@ export PYTHONPATH=$root PYTHONDONTWRITEBYTECODE=1
 
 build_packages=(g++ cmake ninja-build qt6-base-dev python3)
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev python3-pytest)
+web_packages=(chromium chromium-driver python3-selenium fonts-dejavu-core)
 
 as_root() {
     if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi

@@ -9,6 +9,8 @@
 #
 #   scripts/run.sh --bus-only [--seconds N] [--lose C] [--speed X]
 #
+# Both serve a page of the plant with --web [CARD] [--port N] [--host ADDRESS], and print where it is (127.0.0.1:8080).
+#
 # Installs what is missing to build it (with sudo if you aren't root). Exit status 0 if the gateways really published
 # and showed what was done to the plant.
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"

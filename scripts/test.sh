@@ -1,6 +1,6 @@
 #!/bin/bash
-# Builds with warnings as errors, runs the unit and integration tests, then the unit tests again under the address and
-# undefined-behaviour sanitizers.
+# Builds with warnings as errors, runs the unit and integration tests and those of the page in a browser, then the unit
+# tests again under the address and undefined-behaviour sanitizers.
 #
 #   scripts/test.sh [--quick]      --quick: the unit tests only, without sanitizers
 #
@@ -18,6 +18,8 @@ esac
 jobs=$(nproc)
 failed=
 need "${build_packages[@]}" "${test_packages[@]}"
+# Before the build is set up: without a browser it leaves the page's tests out.
+[ "$quick" ] || need "${web_packages[@]}"
 
 cmake --preset dev -DUGW_TESTS=ON -DUGW_BENCH=ON
 cmake --build --preset dev -j "$jobs"

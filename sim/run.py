@@ -11,7 +11,7 @@ really published: a fresh and valid status file, and each of the simulated cabin
 The whole system (sim.system): up to four real gateways, each with a simulated power module. Exit status 0 if all of
 them published, saw the modules of all, and showed what was done to the plant.
 
-Both end at Ctrl-C or after N seconds.
+Both end at Ctrl-C or after N seconds. With --web they serve the page of web/ beside the status file of a card.
 """
 
 import argparse
@@ -21,7 +21,7 @@ import sys
 import threading
 import time
 
-from sim import statusfile, system, view
+from sim import statusfile, system, view, web
 from sim.gateway import default_build
 from sim.scene import Scene
 
@@ -78,6 +78,12 @@ class Verdict:
         return found
 
 
+def tcp_port(text):
+    if not 0 <= int(text) < 65536:
+        raise ValueError
+    return int(text)
+
+
 def _arguments():
     parser = argparse.ArgumentParser(prog="run.sh", description="the gateway on a virtual plant")
     setting = parser.add_mutually_exclusive_group()
@@ -100,8 +106,17 @@ def _arguments():
                        help="the last cabinet's module refuses everything with code N")
     whole.add_argument("--noise", type=float, default=0.0, metavar="PERCENT",
                        help="spoil so many of the transmissions on all lines")
+    page = parser.add_argument_group("the page")
+    page.add_argument("--web", choices=tuple("ABCD"), nargs="?", const="A", metavar="CARD",
+                      help="serve a page that shows the plant as this card (A) has it, and print its address")
+    page.add_argument("--port", type=tcp_port, default=web.DEFAULT_PORT, metavar="N",
+                      help="TCP port of the page (%d); 0 takes any that is free" % web.DEFAULT_PORT)
+    page.add_argument("--host", default="127.0.0.1", metavar="ADDRESS",
+                      help="address to serve it at (127.0.0.1: only for this machine; 0.0.0.0: for everybody)")
     options = parser.parse_args()
     cabinets = "ABCD"[:options.cabinets]
+    if options.web and options.web not in (cabinets if options.whole else "A"):
+        parser.error("there is no card %s" % options.web)
     for letter in (options.lose, options.module_dies):
         if options.whole and letter and letter not in cabinets:
             parser.error("there is no cabinet %s" % letter)
@@ -131,7 +146,8 @@ def run(options, out, stop):
     scene = Scene(options.build, speed=options.speed)
     try:
         verdict = Verdict("BCD", options.lose)
-        elapsed = _watch(scene, options, verdict, out, stop)
+        with web.served(scene, options, out) as address:
+            elapsed = _watch(scene, options, verdict, out, stop, address)
         running = scene.main.running
         verdict.faults += scene.loop.errors
         found = verdict.problems(running, options.lose and elapsed > LOSE_AFTER + LOST_FOR - 5,
@@ -147,7 +163,7 @@ def run(options, out, stop):
     return 1 if found else 0
 
 
-def _watch(scene, options, verdict, out, stop):
+def _watch(scene, options, verdict, out, stop, address):
     """Shows the plant until `stop` is set, the time is over or the gateway ends; returns the seconds it took."""
     screen = view.Screen(out)
     begin = time.monotonic()
@@ -164,7 +180,7 @@ def _watch(scene, options, verdict, out, stop):
             look = view.take(scene.main)
             verdict.add(look)
             if screen.is_terminal:
-                screen.show(_picture(scene, options, look, elapsed, story, screen.paint))
+                screen.show(_picture(look, elapsed, (_about(scene, options), address, story), screen.paint))
             elif elapsed >= next_line:
                 if not next_line:
                     out.write(FOOTER + "\n")
@@ -178,11 +194,15 @@ def _watch(scene, options, verdict, out, stop):
     return time.monotonic() - begin
 
 
-def _picture(scene, options, look, elapsed, story, paint):
-    title = "Virtual plant, seen by card A          %5.0f s          Ctrl-C ends" % elapsed
+def _about(scene, options):
     seconds = scene.round_seconds()
-    about = "bus: 9600 baud x %g, a round of all cabinets takes %.2f s" % (options.speed, seconds) if seconds else ""
-    footer = [""] + [paint("dim", line) for line in (FOOTER, about) if line] + [story]
+    return "bus: 9600 baud x %g, a round of all cabinets takes %.2f s" % (options.speed, seconds) if seconds else ""
+
+
+def _picture(look, elapsed, told, paint):
+    title = "Virtual plant, seen by card A          %5.0f s          Ctrl-C ends" % elapsed
+    *dim, story = (FOOTER, *told)
+    footer = [""] + [paint("dim", line) for line in dim if line] + [story]
     return view.picture(look, title, NOTES, paint, footer)
 
 

@@ -7,7 +7,7 @@ a card that is cut off from the bus stops writing its file.
 
 import time
 
-from sim import beliefs, statusfile, view
+from sim import beliefs, statusfile, view, web
 from sim.scene import Scene
 
 # Seconds after the start at which things begin to happen, and how long they last.
@@ -175,7 +175,8 @@ def run(options, out, stop):
         if options.noise:
             for line in (scene.bus, *(gateway.module_line for gateway in scene.gateways.values())):
                 line.disturb(options.noise)
-        elapsed = _watch(scene, options, verdict, out, stop)
+        with web.served(scene, options, out) as address:
+            elapsed = _watch(scene, options, verdict, out, stop, address)
         verdict.faults += scene.loop.errors
         found = verdict.problems(scene, elapsed)
         for card, gateway in scene.gateways.items():
@@ -190,7 +191,7 @@ def run(options, out, stop):
     return 1 if found else 0
 
 
-def _watch(scene, options, verdict, out, stop):
+def _watch(scene, options, verdict, out, stop, address):
     """Shows the cards until `stop` is set, the time is over or a card ends; returns the seconds it took."""
     screen = view.Screen(out)
     begin = time.monotonic()
@@ -205,7 +206,8 @@ def _watch(scene, options, verdict, out, stop):
             looks = {letter: view.take(gateway) for letter, gateway in scene.gateways.items()}
             verdict.add(looks, elapsed)
             if screen.is_terminal:
-                screen.show(_picture(scene, options, looks, elapsed, stories, screen.paint))
+                told = [line for line in (address, *stories) if line]
+                screen.show(_picture(scene, options, looks, elapsed, told, screen.paint))
             elif elapsed >= next_line:
                 next_line = elapsed + 1
                 out.write("  |  ".join([beliefs.one_line(looks, elapsed)] + stories) + "\n")
