@@ -5,8 +5,9 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 python=/usr/bin/python3
 export PYTHONPATH=$root PYTHONDONTWRITEBYTECODE=1
 
-build_packages=(g++ cmake ninja-build qt6-base-dev python3)
-test_packages=(libgtest-dev libgmock-dev libbenchmark-dev python3-pytest)
+build_packages=(g++ cmake ninja-build qt6-base-dev libncurses-dev python3)
+test_packages=(libgtest-dev libgmock-dev libbenchmark-dev python3-pytest python3-pexpect python3-pyte
+               python3-prometheus-client mandoc)
 web_packages=(chromium chromium-driver python3-selenium fonts-dejavu-core)
 
 as_root() {
