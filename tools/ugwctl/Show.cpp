@@ -39,6 +39,7 @@ std::string valueText(const Field& field, const uint8* base, int index, std::int
         case Kind::Bytes:
         case Kind::States: {
             std::vector<std::string> bytes;
+            bytes.reserve(field.width);
             for (int i = 0; i < field.width; ++i) {
                 bytes.push_back(format("%02X", base[field.offset + i]));
             }
@@ -89,6 +90,7 @@ std::string recordText(const Record& record, const uint8* base, std::size_t dept
             continue;
         }
         std::vector<std::string> values;
+        values.reserve(field.count);
         for (int i = 0; i < field.count; ++i) {
             values.push_back(valueText(field, base, i, now));
         }
