@@ -27,8 +27,9 @@ if [ "$quick" ]; then
     ctest --test-dir build -j "$jobs" -L unit --output-on-failure
     exit
 fi
-# The integration tests mostly wait.
-with_namespaces ctest --test-dir build -j "$((2 * jobs))" --output-on-failure || failed="$failed dev"
+ctest --test-dir build -j "$((jobs + 1))" -L unit --output-on-failure || failed="$failed unit"
+# The others mostly wait.
+with_namespaces ctest --test-dir build -j "$((3 * jobs))" -LE unit --output-on-failure || failed="$failed integration"
 
 cmake --preset asan
 cmake --build --preset asan -j "$jobs" --target unit_tests
