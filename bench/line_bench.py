@@ -43,7 +43,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", 1)[0])
     parser.add_argument("--build", default=default_build(), metavar="DIR")
     parser.add_argument("--seconds", type=float, default=30.0, metavar="N")
-    options = parser.parse_args()
+    options, _ = parser.parse_known_args()
     scene = Scene(options.build)
     try:
         scene.main.trace = True

@@ -1,12 +1,16 @@
 #!/bin/bash
 # Builds and runs the benchmarks; what they print is measured here and now, nothing is asserted.
 #
-#   scripts/bench.sh [--seconds N]      N: how long the line is watched (30)
+#   scripts/bench.sh [--seconds N] [--exchanges N]
+#
+#   --seconds N      how long each line is watched (30)
+#   --exchanges N    also so many exchanges with the module without the time of the line, for the memory (none)
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$root"
 
-need "${build_packages[@]}" libbenchmark-dev
+need "${build_packages[@]}" libbenchmark-dev libmodbus-dev pkg-config
 cmake --preset dev -DUGW_BENCH=ON >/dev/null
-cmake --build --preset dev --target UGW card_shim aggregation_bench >/dev/null
+cmake --build --preset dev --target UGW card_shim aggregation_bench modbus_exchange >/dev/null
 build/bench/aggregation_bench
 with_namespaces "$python" bench/line_bench.py --build "$root/build" "$@"
+with_namespaces "$python" bench/module_bench.py --build "$root/build" "$@"
