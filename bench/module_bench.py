@@ -254,7 +254,7 @@ def main():
     parser.add_argument("--build", default=default_build(), metavar="DIR")
     parser.add_argument("--seconds", type=float, default=30.0, metavar="N")
     parser.add_argument("--exchanges", type=int, default=0, metavar="N")
-    options = parser.parse_args()
+    options, _ = parser.parse_known_args()
     print("load average %.2f on %d processors" % (os.getloadavg()[0], os.cpu_count()))
     module_rounds(options.build, options.seconds / 3)
     line, cost = one_card(options.build, options.seconds)
