@@ -141,7 +141,7 @@ int MLINKMgr::RegisterModule(uint8 MCUAdd, uint8 modAdd) {
     DBG_P("string ricerca %s\n", path);
 
     ModuleQueriesData_t& slot = *slotOf(boxId, modAdd);
-    std::memset(&slot.commStatus, 0, sizeof(slot.commStatus));
+    slot.commStatus = commStatus_t{};
     slot.commStatus.active = true;
     slot.pVN = node;
     if (node != nullptr) {

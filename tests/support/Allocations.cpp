@@ -12,6 +12,15 @@
 #endif
 #endif
 
+// The replaced name spells std::size_t as what it is here: j for unsigned int, m for unsigned long.
+#if __SIZEOF_SIZE_T__ == 4
+#define NOTHROW_NEW "_ZnwjRKSt9nothrow_t"
+#else
+#define NOTHROW_NEW "_ZnwmRKSt9nothrow_t"
+#endif
+void* realNothrowNew(std::size_t size, const std::nothrow_t& tag) __asm__("__real_" NOTHROW_NEW);
+void* wrappedNothrowNew(std::size_t size, const std::nothrow_t& tag) __asm__("__wrap_" NOTHROW_NEW);
+
 namespace {
 
 // Plain data, so that reaching them allocates nothing.
@@ -35,7 +44,6 @@ extern "C" {
 void* __real_malloc(std::size_t);
 void* __real_calloc(std::size_t, std::size_t);
 void* __real_realloc(void*, std::size_t);
-void* __real__ZnwmRKSt9nothrow_t(std::size_t, const std::nothrow_t&);
 
 void* __wrap_malloc(std::size_t size) {
     if (isToFail()) {
@@ -59,10 +67,6 @@ void* __wrap_realloc(void* old, std::size_t size) {
         return nullptr;
     }
     return __real_realloc(old, size);
-}
-
-void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) {
-    return isToFail() ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 
 #ifdef UGW_SANITIZED
@@ -94,6 +98,10 @@ void* realloc(void* old, std::size_t size) {
 }
 
 #endif
+}
+
+void* wrappedNothrowNew(std::size_t size, const std::nothrow_t& tag) {
+    return isToFail() ? nullptr : realNothrowNew(size, tag);
 }
 
 #ifdef UGW_SANITIZED

@@ -24,7 +24,7 @@ class BareSystemMgr {
     BareSystemMgr(const BareSystemMgr&) = delete;
     BareSystemMgr& operator=(const BareSystemMgr&) = delete;
 
-    SystemMgr& get() { return *std::launder(reinterpret_cast<SystemMgr*>(storage_)); }
+    SystemMgr& get() { return *std::launder(static_cast<SystemMgr*>(static_cast<void*>(storage_))); }
     SystemMgr* operator->() { return &get(); }
 
   private:

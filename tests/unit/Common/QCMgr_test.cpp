@@ -82,7 +82,7 @@ TEST_F(QCMgrTest, BuildsTheFrameOfTheCallersQuery) {
 
 TEST_F(QCMgrTest, IsLockedWhileItIsBuilt) {
     alignas(QCMgr) unsigned char memory[sizeof(QCMgr)];
-    underConstruction = reinterpret_cast<QCMgr*>(memory);
+    underConstruction = static_cast<QCMgr*>(static_cast<void*>(memory));
     Description description(0xEB, "BS");
     QCMgr* element = new (memory) QCMgr(*description, noteLock, 0);
     EXPECT_TRUE(wasLocked);
