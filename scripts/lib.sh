@@ -8,6 +8,7 @@ export PYTHONPATH=$root PYTHONDONTWRITEBYTECODE=1
 build_packages=(g++ cmake ninja-build qt6-base-dev libncurses-dev python3)
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev python3-pytest python3-pexpect python3-pyte
                python3-prometheus-client mandoc)
+fuzz_packages=(clang-14 libclang-rt-14-dev)
 web_packages=(chromium chromium-driver python3-selenium fonts-dejavu-core)
 
 as_root() {

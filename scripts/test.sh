@@ -1,6 +1,6 @@
 #!/bin/bash
 # Builds with warnings as errors, runs the unit and integration tests and those of the page in a browser, then the unit
-# tests again under the address and undefined-behaviour sanitizers.
+# tests again under the address and undefined-behaviour sanitizers, and each fuzz target for half a minute.
 #
 #   scripts/test.sh [--quick]      --quick: the unit tests only, without sanitizers
 #
@@ -35,6 +35,8 @@ cmake --preset asan
 cmake --build --preset asan -j "$jobs" --target unit_tests
 UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-asan -j "$jobs" -L unit --output-on-failure \
     || failed="$failed asan"
+
+scripts/fuzz.sh --seconds 30 --jobs "$jobs" || failed="$failed fuzz"
 
 if [ "$failed" ]; then
     echo "failed:$failed"

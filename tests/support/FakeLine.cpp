@@ -131,6 +131,20 @@ void FakeLine::clearSent() {
     state_->writes.clear();
 }
 
+void FakeLine::forget() {
+    const SignalSafeLock lock(state_->mutex);
+    state_->input.clear();
+    state_->peerBusyUntil = 0;
+    state_->sentUntil = 0;
+    state_->writes.clear();
+    state_->unexpected.clear();
+    state_->partOfQuery.clear();
+    state_->expectations.clear();
+    state_->expected = 0;
+    state_->isStrict = false;
+    state_->faults.clear();
+}
+
 std::size_t FakeLine::waiting() const {
     const std::int64_t now = VirtualClock::now();
     const SignalSafeLock lock(state_->mutex);

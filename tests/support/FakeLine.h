@@ -99,6 +99,9 @@ class FakeLine {
     Bytes sent() const;
     std::vector<Bytes> writes() const;
     void clearSent();
+    /// Forgets what was fed, sent, expected and told to fail, and when either side last sent: for a line that outlives
+    /// the clock. Settings, callbacks, open descriptors and the counts of calls stay.
+    void forget();
     /// Bytes that have arrived and wait for the product; bytes still on their way.
     std::size_t waiting() const;
     std::size_t onTheWay() const;

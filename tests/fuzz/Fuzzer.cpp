@@ -1,0 +1,33 @@
+// The way in for libFuzzer.
+#include <cstdint>
+#include <vector>
+
+#include "fuzz/Harness.h"
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+extern "C" const char* __asan_default_options();
+
+extern "C" const char* __asan_default_options() {
+    return "hard_rss_limit_mb=2048";
+}
+
+// Descriptor 2 is left to the product: libFuzzer tells its own on a copy. Its watch over the memory sleeps in virtual
+// time, as everything that is linked here does: the address sanitizer watches instead.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    static char leaveStderr[] = "-close_fd_mask=2";
+    static char leaveMemory[] = "-rss_limit_mb=0";
+    static std::vector<char*> arguments(*argv, *argv + *argc);
+    arguments.push_back(leaveStderr);
+    arguments.push_back(leaveMemory);
+    *argc = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    *argv = arguments.data();
+    fuzz::keepStderr();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzz::oneInput(data, size);
+    return 0;
+}
