@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Common/Common.h"
 #include "Common/Globals.h"
 #include "Common/SysMgr.h"
 
@@ -50,6 +51,7 @@ constexpr bool isOdd(int digit) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    logSecure();
     logText("*** UGW modbus 485 ***\n");
     logText("%s / %s\n", build_date, build_git_sha);
     if (argc < ARG_COUNT) {

@@ -66,6 +66,10 @@ constexpr std::size_t LOG_MAXTEXT = 2048;
 /// Buffer of the hexadecimal dump: five characters a byte, so at most 2047 bytes are shown.
 constexpr std::size_t DUMPHEX_BUFLEN = 10240;
 
+/// Before anything else in the process: a closed stdin, stdout or stderr is opened on /dev/null, since a port that got
+/// its number would receive the log; and a log whose reader has gone is no reason to end.
+void logSecure();
+
 /// Writes "%6d-> [%02d:%02d:%02d] %s LEVEL (%s): " and the message. `level` is "Err", "War", "Dbg" or "". Keeps errno.
 void logLine(const char* level, const char* file, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));

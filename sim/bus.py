@@ -146,6 +146,8 @@ class Bus:
         self.collisions = collections.deque(maxlen=keep)
         self.pieces = collections.deque(maxlen=keep)
         self.heard = collections.deque(maxlen=keep)
+        # Cleared for an endless run: bytes are carried, and nothing of them is kept.
+        self.recording = True
         self.bytes_sent = 0
         self.spoiled = 0
         self._disturbed = 0.0
@@ -292,7 +294,8 @@ class Bus:
             data = change(node.name, data)
         if not data:
             return
-        self._record(node.name, data, start)
+        if self.recording:
+            self._record(node.name, data, start)
         for other in list(self.endpoints):
             if other is not node:
                 other.deliver(data, start, self.byte_time)

@@ -84,8 +84,8 @@ class Gateway:
         """The six arguments."""
         return [self.module_name, self.bus_name, str(self.module_baud), self.module_id, self.mask, self.mode]
 
-    def start(self, arguments=None):
-        """Starts the daemon; its log goes to a file of this run. `arguments` replaces the six."""
+    def start(self, arguments=None, log_to=None):
+        """Starts the daemon; its log goes to a file of this run, or to `log_to`. `arguments` replaces the six."""
         self._runs += 1
         name = "log-%d" % self._runs
         self.log = LogFile(os.path.join(self.sandbox.directory, name))
@@ -93,7 +93,7 @@ class Gateway:
         env = self.sandbox.environment(shim, self.bus.baud, self.adjtime_errno, self.trace)
         self.started_at = time.monotonic()
         self.program = self.sandbox.spawn([self.binary] + (self.arguments if arguments is None else arguments), env,
-                                          stderr=name)
+                                          stderr=log_to or name)
         return self
 
     @property

@@ -20,7 +20,9 @@ import time
 from sim import shm
 
 CLONE_NEWNS, CLONE_NEWIPC, CLONE_NEWUSER = 0x00020000, 0x08000000, 0x10000000
+MS_RDONLY = 1
 MS_NOSUID, MS_NODEV, MS_BIND, MS_REC, MS_PRIVATE = 2, 4, 4096, 16384, 1 << 18
+MNT_DETACH = 2
 PR_SET_PDEATHSIG, PR_CAPBSET_DROP = 1, 24
 CAP_SYS_BOOT, CAP_SYS_TIME = 22, 25
 
@@ -174,6 +176,40 @@ class Jail:
 
     def do_signal(self, pid, number):
         os.kill(pid, number)
+
+    def do_cover_home(self, size, read_only):
+        """Puts an empty small disk over /home/gwdev."""
+        _mount("tmpfs", "/home/gwdev", "tmpfs", MS_NOSUID | (MS_RDONLY if read_only else 0), "size=%d" % size)
+
+    def do_uncover_home(self):
+        """Takes that disk away again."""
+        _call("umount2", b"/home/gwdev", MNT_DETACH)
+
+    def do_remove_home(self):
+        """/home/gwdev is no more."""
+        _call("umount2", b"/home/gwdev", MNT_DETACH)
+        os.rmdir("/home/gwdev")
+
+    def do_restore_home(self, home):
+        """It is there again."""
+        os.mkdir("/home/gwdev")
+        _mount(home, "/home/gwdev", None, MS_BIND)
+
+    def do_fill_home(self):
+        """Fills the disk under /home/gwdev to its last byte."""
+        file = os.open("/home/gwdev/filler", os.O_WRONLY | os.O_CREAT)
+        try:
+            while True:
+                os.write(file, b"x" * 1024)
+        except OSError as error:
+            if error.errno != errno.ENOSPC:
+                raise
+        finally:
+            os.close(file)
+
+    def do_empty_home(self):
+        """Takes away again what filled it."""
+        os.unlink("/home/gwdev/filler")
 
     def do_segments(self):
         return [list(segment) for segment in shm.segments()]

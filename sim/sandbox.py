@@ -237,6 +237,32 @@ class Sandbox:
         lines = [line.split() for line in _lines(self.writes_path)]
         return [(float(when), int(count)) for when, name, count in lines if name == device]
 
+    # The disk of /home/gwdev.
+
+    def cover_home(self, size=32768, read_only=False):
+        """Puts an empty disk of so many bytes over it, until uncover_home."""
+        self.request("cover_home", size=size, read_only=read_only)
+
+    def uncover_home(self):
+        """Takes that disk away; what was there before is there again."""
+        self.request("uncover_home")
+
+    def fill_home(self):
+        """Fills that disk to its last byte, until empty_home."""
+        self.request("fill_home")
+
+    def empty_home(self):
+        """Takes away what fill_home put there."""
+        self.request("empty_home")
+
+    def remove_home(self):
+        """Takes the directory itself away, until restore_home."""
+        self.request("remove_home")
+
+    def restore_home(self):
+        """Puts it back."""
+        self.request("restore_home", home=self.home)
+
     # Segments.
 
     @property

@@ -7,6 +7,7 @@ import time
 
 import pytest
 import watcher as watching
+from vitals import right_again
 
 from sim.bus import Bus
 from sim.cabinet import Cabinet
@@ -125,6 +126,23 @@ def module(request):
         _watched(request).append((line.name, line.transcript))
         return line.attach(Module(**options))
     return attach
+
+
+@pytest.fixture
+def one_card_plant(bus, cabinets, gateway, module):
+    """one_card_plant(start): (card, other cabinets, module) on lines without faults; started and seen to be right unless told
+    otherwise."""
+    def make(start=True):
+        others = cabinets("BCD", turnaround=0.01)
+        for other in others.values():
+            other.asked = type(other.asked)(maxlen=100)
+            other.overheard = type(other.overheard)(maxlen=100)
+        card = gateway("A", start=start)
+        unit = module(card, thinking=0.03, keep=1000)
+        if start:
+            right_again(card, others, unit, 30)
+        return card, others, unit
+    return make
 
 
 @pytest.fixture

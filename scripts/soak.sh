@@ -1,0 +1,16 @@
+#!/bin/bash
+# Four real gateways and their modules at the full speed of pseudo-terminals, until every line has carried so many
+# exchanges; says whether memory, descriptors, threads or the log grew, and whether the counts drifted.
+#
+#   scripts/soak.sh [--exchanges N] [--minutes N] [--sample SECONDS]
+#
+#   --exchanges N      on each line (1000000)
+#   --minutes N        at most so long (240)
+#   --sample SECONDS   between two lines of figures (30)
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+cd "$root"
+
+need "${build_packages[@]}"
+cmake --preset dev >/dev/null
+cmake --build --preset dev --target UGW card_shim >/dev/null
+with_namespaces nice -n 19 "$python" bench/soak.py --build "$root/build" "$@"
