@@ -1,6 +1,6 @@
 #!/bin/bash
-# The bad days of the gateway at full length: noise for so many minutes at each rate, 50 kills, the role taken back
-# after BREAKs. Prints what each cost; the short ones are part of scripts/test.sh.
+# The bad days of the gateway at full length: noise for so many minutes at each rate, 50 kills. Prints what
+# each cost; the short ones are part of scripts/test.sh.
 #
 #   scripts/reliability.sh [--minutes N]      (3)
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
