@@ -37,8 +37,8 @@ run_target() {
     local seeds=("$root/tests/fuzz/seeds/$target")
     [ -d "$root/tests/fuzz/findings/$target" ] && seeds+=("$root/tests/fuzz/findings/$target")
     mkdir -p "$dir/learnt" "$dir/findings"
-    "$root/build-fuzz/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=30 -print_final_stats=1 \
-        -artifact_prefix="$dir/findings/" "$dir/learnt" "${seeds[@]}" > "$dir/log" 2>&1 || ret=$?
+    "$root/build-fuzz/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -max_len=4096 -len_control=0 -timeout=60 \
+        -print_final_stats=1 -artifact_prefix="$dir/findings/" "$dir/learnt" "${seeds[@]}" > "$dir/log" 2>&1 || ret=$?
     awk -v target="$target" -v ret="$ret" '
         /^#[0-9]+/ { for (i = 1; i < NF; ++i) { if ($i == "cov:") cov = $(i + 1); if ($i == "ft:") ft = $(i + 1) } }
         /number_of_executed_units/ { runs = $2 }
