@@ -79,11 +79,12 @@ int main(int argc, char* argv[]) {
     jsonPath = mode.jsonPath;
     jsonPathTMP = mode.jsonPathTMP;
 
-    pSysMgr = new SystemMgr;
+    // It makes itself known as pSysMgr before its threads start, which read that without a lock.
+    const SystemMgr* const system = new SystemMgr;
     while (!needRestart) {
         QThread::sleep(LOOP_PACE);
     }
     DBG_P("bye bye\n");
-    delete pSysMgr;
+    delete system;
     return 0;
 }

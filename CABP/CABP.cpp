@@ -95,6 +95,10 @@ int CABP_Send(const uint8* frame, uint16 len) {
 uint16 CABP_BuildQuery(const pckStruct& qcs, uint8*& query) {
     // Zeros, so that a query whose parameters are missing doesn't put foreign memory on the bus.
     query = static_cast<uint8*>(std::calloc(static_cast<std::size_t>(qcs.ParamLen) + CABP_HEAD_QUEUE_LEN, 1));
+    if (query == nullptr) {
+        // No failure of its own: a query object without a frame is never sent.
+        return static_cast<uint16>(qcs.ParamLen + CABP_HEAD_QUEUE_LEN);
+    }
     if (qcs.ParamLen != 0 && qcs.pParam == nullptr) {
         DBG_E("Puntatore non inizializzato!\n");
     }

@@ -33,6 +33,6 @@ with_namespaces() {
     if [ "$(id -u)" = 0 ] || unshare -Urm true 2>/dev/null; then
         "$@"
     else
-        sudo --preserve-env=PYTHONPATH,PYTHONDONTWRITEBYTECODE,NO_COLOR,TERM "$@"
+        sudo --preserve-env=PYTHONPATH,UGW_BUILD_DIR,TSAN_OPTIONS,PYTHONDONTWRITEBYTECODE,NO_COLOR,TERM "$@"
     fi
 }

@@ -202,8 +202,9 @@ class Sandbox:
         """The environment of a program inside: PATH with the harmless halt first, and the shim with its settings;
         `trace` keeps the times of writes to terminals."""
         env = {"PATH": self.bin + ":/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C"}
-        if "TZ" in os.environ:
-            env["TZ"] = os.environ["TZ"]
+        for name in ("TZ", "TSAN_OPTIONS"):
+            if name in os.environ:
+                env[name] = os.environ[name]
         if shim:
             env.update(LD_PRELOAD=shim, CARD_SHIM_LOG=self.clock_calls_path, CARD_SHIM_CLOCK=self.clock.path)
             if trace:

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "support/Faults.h"
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define UGW_SANITIZED 1
 #elif defined(__has_feature)
@@ -35,7 +37,10 @@ void countOne() {
 }
 
 bool isToFail() {
-    return uncounted == 0 && failCountdown > 0 && --failCountdown == 0;
+    if (uncounted != 0) {
+        return false;
+    }
+    return (failCountdown > 0 && --failCountdown == 0) || support::faults::isHit("allocation", ENOMEM);
 }
 
 }  // namespace

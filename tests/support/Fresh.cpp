@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Allocations.h"
+#include "support/Faults.h"
 #include "support/Replaced.h"
 #include "support/Transcript.h"
 #include "support/VirtualClock.h"
@@ -20,6 +21,7 @@ class FreshStart : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo&) override {
         VirtualClock::reset();
         failAllocation(0);
+        faults::arm(0, 0);
         Transcript::clear();
         Transcript::withWaits(true);
         renew(replaced::system(), replaced::adjtime(), replaced::kill(), replaced::waitpid(), replaced::shmget(),

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <map>
 
+#include "support/Faults.h"
+
 namespace support {
 namespace {
 
@@ -16,6 +18,13 @@ struct Registry {
 Registry& registry() {
     static Registry* const instance = new Registry;
     return *instance;
+}
+
+const char* nameOf(LineCall call) {
+    static const char* const names[LINE_CALLS] = {"open",    "close",   "read",        "write",
+                                                  "ioctl",   "fcntl",   "tcgetattr",   "tcsetattr",
+                                                  "tcflush", "tcdrain", "tcsendbreak", "select"};
+    return names[static_cast<std::size_t>(call)];
 }
 
 // So that the many calls on other descriptors cost nothing.
@@ -73,6 +82,9 @@ bool enter(const StatePtr& state, LineCall call, unsigned long request) {
     {
         const SignalSafeLock lock(state->mutex);
         error = state->enter(call, request);
+    }
+    if (faults::isHit(nameOf(call))) {
+        return false;
     }
     if (error != 0) {
         errno = error;

@@ -2,6 +2,9 @@
 
 #include <QtCore/QThread>
 #include <atomic>
+#include <cerrno>
+
+#include "support/Faults.h"
 
 namespace {
 
@@ -37,6 +40,9 @@ extern "C" {
 void __real__ZN7QThread5startENS_8PriorityE(QThread* self, QThread::Priority priority);
 
 void __wrap__ZN7QThread5startENS_8PriorityE(QThread* self, QThread::Priority priority) {
+    if (support::faults::isHit("thread start", EAGAIN)) {
+        return;
+    }
     // Asked by name: the threads' classes aren't part of every test program.
     if (holdBack && self->inherits("QueuesMgr")) {
         ++heldBackCount;

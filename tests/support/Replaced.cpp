@@ -19,12 +19,14 @@ namespace replaced {
 // Never destroyed, as calls come until the very end of the process.
 
 ReplacedCall<int, const char*>& system() {
-    static auto* const call = new ReplacedCall<int, const char*>([](const char*) { return 0; }, -1);
+    static auto* const call = new ReplacedCall<int, const char*>(
+        "system", [](const char*) { return 0; }, -1);
     return *call;
 }
 
 ReplacedCall<int, const struct timeval*, struct timeval*>& adjtime() {
     static auto* const call = new ReplacedCall<int, const struct timeval*, struct timeval*>(
+        "adjtime",
         [](const struct timeval*, struct timeval* old) {
             if (old != nullptr) {
                 *old = {0, 0};
@@ -36,43 +38,43 @@ ReplacedCall<int, const struct timeval*, struct timeval*>& adjtime() {
 }
 
 ReplacedCall<int, pid_t, int>& kill() {
-    static auto* const call = new ReplacedCall<int, pid_t, int>(__real_kill, -1);
+    static auto* const call = new ReplacedCall<int, pid_t, int>("kill", __real_kill, -1);
     return *call;
 }
 
 ReplacedCall<pid_t, pid_t, int*, int>& waitpid() {
-    static auto* const call = new ReplacedCall<pid_t, pid_t, int*, int>(__real_waitpid, -1);
+    static auto* const call = new ReplacedCall<pid_t, pid_t, int*, int>("waitpid", __real_waitpid, -1);
     return *call;
 }
 
 ReplacedCall<int, key_t, size_t, int>& shmget() {
-    static auto* const call = new ReplacedCall<int, key_t, size_t, int>(__real_shmget, -1);
+    static auto* const call = new ReplacedCall<int, key_t, size_t, int>("shmget", __real_shmget, -1);
     return *call;
 }
 
 ReplacedCall<void*, int, const void*, int>& shmat() {
     static auto* const call = new ReplacedCall<void*, int, const void*, int>(
-        __real_shmat, reinterpret_cast<void*>(static_cast<std::intptr_t>(-1)));
+        "shmat", __real_shmat, reinterpret_cast<void*>(static_cast<std::intptr_t>(-1)));
     return *call;
 }
 
 ReplacedCall<int, const void*>& shmdt() {
-    static auto* const call = new ReplacedCall<int, const void*>(__real_shmdt, -1);
+    static auto* const call = new ReplacedCall<int, const void*>("shmdt", __real_shmdt, -1);
     return *call;
 }
 
 ReplacedCall<int, int, int, struct shmid_ds*>& shmctl() {
-    static auto* const call = new ReplacedCall<int, int, int, struct shmid_ds*>(__real_shmctl, -1);
+    static auto* const call = new ReplacedCall<int, int, int, struct shmid_ds*>("shmctl", __real_shmctl, -1);
     return *call;
 }
 
 ReplacedCall<FILE*, const char*, const char*>& fopen() {
-    static auto* const call = new ReplacedCall<FILE*, const char*, const char*>(__real_fopen, nullptr);
+    static auto* const call = new ReplacedCall<FILE*, const char*, const char*>("fopen", __real_fopen, nullptr);
     return *call;
 }
 
 ReplacedCall<int, const char*, const char*>& rename() {
-    static auto* const call = new ReplacedCall<int, const char*, const char*>(__real_rename, -1);
+    static auto* const call = new ReplacedCall<int, const char*, const char*>("rename", __real_rename, -1);
     return *call;
 }
 

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "support/Allocations.h"
+#include "support/Faults.h"
 #include "support/Guarded.h"
 
 namespace support {
@@ -51,7 +52,8 @@ class ReplacedCall {
     using Function = std::function<R(Args...)>;
     using Call = std::tuple<typename Kept<Args>::type...>;
 
-    ReplacedCall(Function original, R failure) : original_(std::move(original)), failure_(failure) {}
+    ReplacedCall(const char* name, Function original, R failure)
+        : name_(name), original_(std::move(original)), failure_(failure) {}
 
     /// All calls so far, and how many.
     std::vector<Call> calls() const {
@@ -109,11 +111,15 @@ class ReplacedCall {
             }
             function = now_ ? now_ : original_;
         }
+        if (faults::isHit(name_)) {
+            return failure_;
+        }
         return function(args...);
     }
 
   private:
     mutable std::mutex mutex_;
+    const char* const name_;
     const Function original_;
     const R failure_;
     Function now_;

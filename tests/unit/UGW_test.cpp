@@ -37,6 +37,7 @@ Started started;
 
 // What the manager finds when it is made: everything must be in its place by then.
 SystemMgr::SystemMgr() {
+    pSysMgr = this;
     ++started.times;
     started.modulePort = serialPort;
     started.busPort = serialPortCABP;
@@ -108,7 +109,7 @@ TEST_F(Entry, StartsRunsAndEndsInOrder) {
 
 TEST_F(Entry, SystemManagerIsReachable) {
     run({"m", "b", "9600", "1", "1000", "true"});
-    EXPECT_NE(pSysMgr, nullptr);
+    EXPECT_NE(pSysMgr, nullptr) << "as it has made itself known";
 }
 
 TEST_F(Entry, RefusesFewerThanSixArguments) {

@@ -105,6 +105,16 @@ TEST_F(Building, LargestParametersStayInsideTheFrame) {
     }
 }
 
+TEST(CABPFrames, QueryWithoutMemoryIsNoneAndIsNotSent) {
+    const support::LogCapture log;
+    support::failAllocation(1);
+    const QCMgr q(query(0xEB, "BN"), CABP_BuildQuery, 20);
+    support::failAllocation(0);
+    EXPECT_EQ(q.pckQuery, nullptr);
+    EXPECT_EQ(q.expectedReplyLen, 30);
+    EXPECT_EQ(CABP_ManageQuery(q), FAIL);
+}
+
 TEST_F(Building, DestroyLeavesThePointer) {
     uint8* built = nullptr;
     CABP_BuildQuery(query(0xEB, "BN"), built);
