@@ -1,42 +1,50 @@
 #!/bin/bash
-# Tests the gateway on emulated machines, whose serial ports have real drivers: a PC with 16550s. Emulated in software, so
-# it needs no rights to the host's processor.
+# Tests the gateway on emulated machines, whose serial ports have real drivers: a PC with 16550s and a 32-bit
+# ARM board with PL011s. Emulated in software, so it needs no rights to the host's processor.
 #
-#   scripts/test-vm.sh [x86]...      all if none is named
+#   scripts/test-vm.sh [x86|armhf]...      both if none is named
 #
-# Installs what is missing (with sudo if you aren't root). The machines' kernels are fetched and unpacked under build-vm,
-# never installed. What was measured stands in build-vm/MACHINE/figures.txt afterwards.
+# Installs what is missing (with sudo if you aren't root). The machines' kernels and BusyBox are fetched and unpacked under
+# build-vm, never installed. What was measured stands in build-vm/MACHINE/figures.txt afterwards.
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$root/scripts/foreign.sh"
 cd "$root"
 
 machines=("$@")
-[ $# -gt 0 ] || machines=(x86)
+[ $# -gt 0 ] || machines=(x86 armhf)
 
-need "${build_packages[@]}" python3-pytest binutils cpio busybox-static
+need "${build_packages[@]}" python3-pytest binutils cpio
 jobs=$(nproc)
 failed=
 
-# fetch DIRECTORY META [OPTION...]: unpacks the package that a kernel's meta package stands for.
+# fetch DIRECTORY ARCHITECTURE META [PACKAGE...]: unpacks the package that a kernel's meta package stands for, and others.
+# What is there already stays: remove build-vm to fetch newer ones.
 fetch() {
-    local directory=$1 meta=$2 package
-    shift 2
-    package=$(apt-cache "$@" depends "$meta" | sed -n 's/^ *Depends: \(linux-image-[^ ]*\)$/\1/p' | head -n 1)
-    [ "$package" ] || { echo "no kernel behind $meta"; return 1; }
-    if [ ! -e "$directory/$package" ]; then
-        rm -rf "$directory"
-        mkdir -p "$directory"
-        (cd "$directory" && apt-get "$@" -qq download "$package" && dpkg-deb -x "$package"_*.deb . && rm ./*.deb)
-        touch "$directory/$package"
-    fi
+    local directory=$root/$1 arch=$2 meta=$3 conf=$root/$1/apt/apt.conf package
+    shift 3
+    [ ! -e "$directory/complete" ] || return 0
+    rm -rf "$directory"
+    foreign_apt "$directory/apt" "$arch"
+    package=$(apt-cache -c "$conf" depends "$meta" | sed -n 's/^ *Depends: \(linux-image-[^ ]*\)$/\1/p' | head -n 1)
+    echo "fetching $package $*"
+    cd "$directory"
+    apt-get -c "$conf" -qq download "$package" "$@"
+    for package in *.deb; do
+        dpkg-deb -x "$package" .
+    done
+    rm -r ./*.deb apt
+    touch complete
+    cd "$root"
 }
 
 # Sets `kernel`, `dtb` (or nothing), `busybox`, `compiler`, `gateway` and `libraries`.
 prepare_x86() {
     need qemu-system-x86 seabios gcc
-    fetch build-vm/x86/kernel linux-image-cloud-amd64
-    kernel=$(echo build-vm/x86/kernel/boot/vmlinuz-*)
+    local packages=build-vm/x86/kernel
+    fetch "$packages" amd64 linux-image-cloud-amd64 busybox-static
+    kernel=$(echo "$packages"/boot/vmlinuz-*)
     dtb=
-    busybox=/bin/busybox
+    busybox=$packages/bin/busybox
     compiler=gcc
     cmake --preset dev
     cmake --build --preset dev -j "$jobs" --target UGW
@@ -44,9 +52,24 @@ prepare_x86() {
     libraries=(/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu /lib64)
 }
 
+prepare_armhf() {
+    need qemu-system-arm g++-arm-linux-gnueabihf qt6-base-dev-tools
+    local packages=build-vm/armhf/kernel sysroot=build-sysroot/armhf
+    fetch "$packages" armhf linux-image-armmp busybox-static
+    kernel=$(echo "$packages"/boot/vmlinuz-*)
+    dtb=$(echo "$packages"/usr/lib/linux-image-*/vexpress-v2p-ca15-tc1.dtb)
+    busybox=$packages/bin/busybox
+    compiler=arm-linux-gnueabihf-gcc
+    scripts/sysroot.sh armhf
+    cmake --preset armhf
+    cmake --build --preset armhf -j "$jobs" --target UGW
+    gateway=build-armhf/UGW
+    libraries=($sysroot/lib/arm-linux-gnueabihf $sysroot/usr/lib/arm-linux-gnueabihf $sysroot/lib)
+}
+
 for machine in "${machines[@]}"; do
     case "$machine" in
-        x86) prepare_x86 ;;
+        x86 | armhf) "prepare_$machine" ;;
         *) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 2 ;;
     esac
     echo "== $machine"

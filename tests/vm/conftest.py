@@ -74,6 +74,10 @@ class Card:
         return bus
 
     def start(self, bus="/dev/ttyQX1", module="/dev/ttyQX2", module_id="1", mask="1111"):
+        # The emulator of the PL011 stands still while nobody takes what the guest sends.
+        for port, baud in ((bus, 9600), (module, 1200)):
+            if self.machine.lines[LINES[port]].bus is None:
+                self.line(port, baud=baud)
         self.started_at = time.monotonic()
         self.machine.run("cd /gateway && ./UGW %s %s 1200 %s %s true </dev/null >/tmp/log 2>&1 &"
                          % (module, bus, module_id, mask))

@@ -34,7 +34,7 @@ ISA_PORTS = ((0x3F8, 4), (0x2F8, 3), (0x3E8, 5), (0x2E8, 7))
 
 
 class Line(Node):
-    """The outer end of a UART. Without a bus, what the guest sends stays in the emulator."""
+    """The outer end of a UART. Without a bus nobody takes what the guest sends."""
 
     def __init__(self, name, end):
         super().__init__(name)
@@ -90,6 +90,7 @@ class Machine:
         self.log_path = os.path.join(directory, "emulator.log")
         self._console_text = ""
         self._number = 0
+        self.dead = False
         ends = {name: socket.socketpair() for name in ("console", "monitor", "line0", "line1", "line2")}
         arguments = EMULATORS[kind] + [
             "-accel", "tcg", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot", "-msg", "timestamp=on",
@@ -112,6 +113,7 @@ class Machine:
         started = time.monotonic()
         with open(self.log_path, "wb") as log:
             self._emulator = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                              env={**os.environ, "QEMU_AUDIO_DRV": "none"},
                                               pass_fds=[inner.fileno() for _, inner in ends.values()])
         for _, inner in ends.values():
             inner.close()
@@ -143,12 +145,14 @@ class Machine:
             ready = left > 0 and select.select([self._console], [], [], left)[0]
             data = self._console.recv(65536) if ready else b""
             if not data:
+                self.dead = True
                 raise AssertionError("the console didn't show %r; its end:\n%s\nthe emulator's:\n%s"
                                      % (wanted, self._console_text[start:][-3000:], self.emulator_log()[-1000:]))
             self._console_text += data.decode("latin-1")
 
     def run(self, command, timeout=30.0, check=True):
         """Carries out a line of shell in the guest; returns what it printed."""
+        assert not self.dead, "the machine has stopped answering"
         self._number += 1
         start = len(self._console_text)
         self._console.sendall(("echo @begin%d; ( %s ) 2>&1; echo @end%d $?\n"
