@@ -39,8 +39,8 @@ class Tree:
             index = self.nodes[index].nxtBrother
 
     def cabinets(self):
-        """Cabinet nodes by letter, in order."""
-        return {text(node.ID)[4]: node for node in self.chain(self.root.son)}
+        """Cabinet nodes by letter, in order; those that are named already, while the tree is being built."""
+        return {text(node.ID)[4]: node for node in self.chain(self.root.son) if len(text(node.ID)) > 4}
 
     def cabinet(self, letter):
         """The node of a cabinet, or None."""

@@ -8,6 +8,8 @@ from sim.records import CMD_NONE, Measures, Node, Panel
 
 # What a card asks its own module round after round.
 POLLED = {"DE", "DS", "GI", "GN", "RC", "RE", "RK", "RS"}
+# The bit by which a module's clock is asked to be set.
+CLOCK_UPDATE = "extStatus.Clock_Update"
 SHUTDOWN, RESTORE, DELETE, TEST_BATTERY, MODULE_OFF, MODULE_ON = range(6)
 
 
@@ -85,5 +87,7 @@ def wait_master(card, letter, timeout=10.0):
 
 def wait_module(card, timeout=15.0):
     """Waits until a card's own module has told all that is polled, and its cabinet's record says so."""
-    card.wait_tree(lambda tree: tree.cabinet(card.card).box.Ups.timestamp and tree.cabinet(card.card).nominal.VA,
-                   timeout)
+    def told(tree):
+        node = tree.cabinet(card.card)  # none while the tree is being built
+        return node and node.box.Ups.timestamp and node.nominal.VA
+    card.wait_tree(told, timeout)
