@@ -83,7 +83,7 @@ def test_a_rest_after_a_failed_one(own, command):
     unit.wait("RS", since=unit.mark(), times=2)
     found = pauses(unit, mark)
     rests = [seconds for answered, seconds in found if answered == command][:3]
-    assert all(REST <= seconds < REST + LATE for seconds in rests), rests
+    assert all(REST - 0.02 <= seconds < REST + LATE for seconds in rests), rests
     others = [seconds for answered, seconds in found if answered != command]
     assert statistics.median(others) < 0.020
     assert sorted(others)[-3] < REST
@@ -99,7 +99,7 @@ def test_silence_costs_a_second_and_the_rest(own):
     unit.fault("silent", "GN")
     silent = unit.wait("GN", since=mark)
     after = unit.wait("RC", since=silent.number)
-    assert 1.0 + REST <= after.start - silent.time < 1.0 + REST + LATE
+    assert 1.0 + REST - 0.02 <= after.start - silent.time < 1.0 + REST + LATE
 
 
 def test_a_whole_round_of_failures_is_a_round_all_the_same(own):
