@@ -1,7 +1,13 @@
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
 #include <sys/shm.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <csignal>
 
 #include "HandMade.h"
 #include "support/Replaced.h"
@@ -173,6 +179,49 @@ TEST(Panel, IsWrittenWhereTheNodeIs) {
     EXPECT_EQ(std::memcmp(before.data(), card.at(0, 0), before.size()), 0);
     EXPECT_EQ(readPanel(snapshot, handmade::MODULE_B), CMD_QPR_OFF);
     EXPECT_EQ(card.shm.only().attached, 0U);
+}
+
+/// What the first bytes of a panel were, one after the other, while a process of its own did something to them: looked
+/// at between any two of its instructions.
+std::vector<std::array<uint8, 5>> statesOf(const uint8* panel, bool (*act)(const Snapshot&), const Snapshot& snapshot) {
+    const pid_t writer = fork();
+    if (writer == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == -1) {
+            _exit(2);
+        }
+        raise(SIGSTOP);
+        _exit(act(snapshot) ? 0 : 1);
+    }
+    std::vector<std::array<uint8, 5>> states;
+    int status = 0;
+    while (waitpid(writer, &status, 0) == writer && WIFSTOPPED(status)) {
+        std::array<uint8, 5> now{};
+        const iovec here = {now.data(), now.size()};
+        const iovec there = {const_cast<uint8*>(panel), now.size()};
+        if (process_vm_readv(writer, &here, 1, &there, 1, 0) == static_cast<ssize_t>(now.size()) &&
+            (states.empty() || states.back() != now)) {
+            states.push_back(now);
+        }
+        ptrace(PTRACE_SINGLESTEP, writer, nullptr, nullptr);
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 1) << status;
+    return states;
+}
+
+TEST(Panel, GetsItsDelaysBeforeItsValue) {
+    Card card;
+    const Snapshot snapshot = takeSnapshot(".");
+    const auto states = statesOf(
+        card.at(0, PANEL), [](const Snapshot& tree) { return writePanel(tree, 0, CMD_REBOOT, 0x1234, 0x5678); },
+        snapshot);
+    if (states.empty()) {
+        GTEST_SKIP() << "no process can be watched here";
+    }
+    ASSERT_GE(states.size(), 3U);
+    EXPECT_EQ(states.back(), (std::array<uint8, 5>{CMD_REBOOT, 0x34, 0x12, 0x78, 0x56}));
+    for (std::size_t i = 0; i + 1 < states.size(); ++i) {
+        EXPECT_EQ(states[i][0], CMD_NONE) << "the value was there before the delays, at state " << i;
+    }
 }
 
 TEST(Panel, ThatIsTakenStaysAsItIs) {
