@@ -1,7 +1,6 @@
 #!/bin/bash
 # Builds with warnings as errors, runs the unit and integration tests and those of the page in a browser, then the unit
-# tests again under the address and undefined-behaviour sanitizers, the seeds of the fuzz targets among them (scripts/fuzz.sh
-# runs the targets).
+# tests again under the address and undefined-behaviour sanitizers, and each fuzz target for half a minute.
 #
 #   scripts/test.sh [--quick]      --quick: the unit tests only, without sanitizers
 #
@@ -20,7 +19,7 @@ jobs=$(nproc)
 failed=
 need "${build_packages[@]}" "${test_packages[@]}"
 # Before the build is set up: without a browser it leaves the page's tests out.
-[ "$quick" ] || need "${web_packages[@]}"
+[ "$quick" ] || need "${web_packages[@]}" "${fuzz_packages[@]}"
 
 cmake --preset dev -DUGW_TESTS=ON -DUGW_BENCH=ON
 cmake --build --preset dev -j "$jobs"
@@ -29,14 +28,29 @@ if [ "$quick" ]; then
     exit
 fi
 ctest --test-dir build -j "$((jobs + 1))" -L unit --output-on-failure || failed="$failed unit"
-# The others mostly wait. They watch real time: what fails once because the machine was busy gets a second chance.
+
+# The others mostly wait. What is left to build is built meanwhile, behind them.
+build_rest() {
+    cmake --preset asan
+    cmake --build --preset asan -j "$jobs" --target unit_tests
+    cmake --preset fuzz
+    cmake --build --preset fuzz -j "$jobs"
+}
+export -f build_rest
+export jobs
+nice -n 19 bash -ec build_rest > build/rest.log 2>&1 &
+rest=$!
+# They watch real time: what fails once because the machine was busy gets a second chance.
 with_namespaces ctest --test-dir build -j "$((3 * jobs))" -LE unit --output-on-failure --repeat until-pass:2 \
     || failed="$failed integration"
+if ! wait "$rest"; then
+    cat build/rest.log
+    exit 1
+fi
 
-cmake --preset asan
-cmake --build --preset asan -j "$jobs" --target unit_tests
 UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-asan -j "$jobs" -L unit --output-on-failure \
     || failed="$failed asan"
+scripts/fuzz.sh --seconds 30 --jobs "$((2 * jobs))" || failed="$failed fuzz"
 
 if [ "$failed" ]; then
     echo "failed:$failed"
