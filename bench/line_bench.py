@@ -15,6 +15,7 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 
+from bench.report import say  # noqa: E402
 from sim.gateway import default_build  # noqa: E402
 from sim.scene import Scene  # noqa: E402
 
@@ -60,14 +61,16 @@ def main():
     finally:
         scene.close()
     used = sorted(((after[t] - before.get(t, 0.0)) / elapsed * 1000, t) for t in after)
-    print("bus round of four cabinets at 9600 baud, %d rounds" % len(lengths))
-    print("  floor %.4f s, median %.4f s, worst %.4f s: %.3f and %.3f times the floor"
-          % (FLOOR, statistics.median(lengths), max(lengths), statistics.median(lengths) / FLOOR,
-             max(lengths) / FLOOR))
-    print("processor time: busiest thread (the bus thread) %.2f ms/s, all threads %.2f ms/s"
-          % (used[-1][0], sum(ms for ms, _ in used)))
-    print("resident memory: %.1f MiB" % (memory / 1048576))
-    print("start to first byte on the bus: %.0f ms" % ((writes[0][0] - begun) * 1000))
+    median, worst = statistics.median(lengths), max(lengths)
+    first = writes[0][0] - begun
+    print("bus round of four cabinets at 9600 baud: floor %.4f s, median %.4f s, worst %.4f s, %d rounds"
+          % (FLOOR, median, worst, len(lengths)))
+    say("median, worst", "%.3f, %.3f x floor" % (median / FLOOR, worst / FLOOR), "1.05, 1.10",
+        median <= 1.05 * FLOOR and worst <= 1.10 * FLOOR)
+    say("processor time: busiest thread, the bus thread (of %.2f)" % sum(ms for ms, _ in used), "%.2f ms/s" % used[-1][0],
+        "6 ms/s", used[-1][0] < 6)
+    say("resident memory", "%.1f MiB" % (memory / 1048576), "10 MB", memory < 10e6)
+    say("start to first byte on the bus", "%.0f ms" % (first * 1000), "50 ms", first < 0.050)
 
 
 if __name__ == "__main__":

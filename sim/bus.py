@@ -142,6 +142,8 @@ class Bus:
         self.name = name
         self.baud = baud * speed
         self.byte_time = BITS_PER_BYTE / self.baud if speed else 0.0
+        # Seconds of the line that come out at once.
+        self.piece = PIECE
         self.endpoints = []
         self.collisions = collections.deque(maxlen=keep)
         self.pieces = collections.deque(maxlen=keep)
@@ -272,7 +274,7 @@ class Bus:
 
     def _schedule(self, node, tx):
         left = len(tx.queue)
-        n = min(left, max(1, round(PIECE / self.byte_time)))
+        n = min(left, max(1, round(self.piece / self.byte_time)))
         self.loop.call_at(tx.start + (tx.sent + n) * self.byte_time, lambda: self._tick(node, tx))
 
     def _tick(self, node, tx):
