@@ -45,12 +45,12 @@ class Gateway:
     card: the letter of its cabinet, whose module ID it gets unless `module_id` says otherwise. mask, mode,
     module_baud: the arguments of that name. bus_name, module_name: the device names inside. directory: where the
     sandbox goes, a new one under the build directory if None. keep: leave that directory for a look. adjtime_errno:
-    adjtime fails with it. trace: keep the times of writes, see `writes`.
+    adjtime fails with it. trace: keep the times of writes, see `writes`. fast: a sandbox.FastClock for its clocks.
     """
 
     def __init__(self, bus, card="A", mask="1111", mode="false", module_id=None, module_baud=1200, build=None,
                  directory=None, keep=False, bus_name="/dev/ttyB1", module_name="/dev/ttyM1", adjtime_errno=0,
-                 trace=False):
+                 trace=False, fast=None):
         self.card = card
         self.mask = mask
         self.mode = mode
@@ -61,6 +61,7 @@ class Gateway:
         self.module_name = module_name
         self.adjtime_errno = adjtime_errno
         self.trace = trace
+        self.fast = fast
         self.build = os.path.abspath(build or default_build())
         self.program = None
         self._runs = 0
@@ -91,6 +92,8 @@ class Gateway:
         self.log = LogFile(os.path.join(self.sandbox.directory, name))
         shim = os.path.join(self.build, SHIM)
         env = self.sandbox.environment(shim, self.bus.baud, self.adjtime_errno, self.trace)
+        if self.fast is not None:
+            env["CARD_SHIM_FAST"] = self.fast.path
         self.started_at = time.monotonic()
         self.program = self.sandbox.spawn([self.binary] + (self.arguments if arguments is None else arguments), env,
                                           stderr=log_to or name)

@@ -12,6 +12,9 @@ import threading
 import time
 import traceback
 
+# Seconds of a turn at most, where something is to be called in each.
+TURN = 0.001
+
 
 class Timer:
     """Handle of a pending call; cancel() makes it never run."""
@@ -38,6 +41,7 @@ class Loop:
         os.set_blocking(self._wake_r, False)
         os.set_blocking(self._wake_w, False)
         self._stopping = False
+        self._tick = None
         self.errors = []
         self._thread = threading.Thread(target=self._run, name="sim-loop", daemon=True)
         self._thread.start()
@@ -96,6 +100,10 @@ class Loop:
         except BlockingIOError:
             pass
 
+    def keep_calling(self, fn):
+        """Calls fn in each turn from now on, at least once in TURN seconds."""
+        self.invoke(setattr, self, "_tick", fn)
+
     def stop(self):
         """Ends the thread. Pending timers never run."""
         self._stopping = True
@@ -110,6 +118,9 @@ class Loop:
             timeout = None
             if self._timers:
                 timeout = max(0.0, self._timers[0][0] - time.monotonic())
+            if self._tick is not None:
+                self._tick()
+                timeout = TURN if timeout is None else min(timeout, TURN)
             ready, _, _ = select.select([self._wake_r, *self._readers], [], [], timeout)
             for fd in ready:
                 if fd == self._wake_r:

@@ -11,7 +11,7 @@ import pytest
 
 from sim import shm
 from sim.gateway import SHIM
-from sim.sandbox import Sandbox
+from sim.sandbox import FastClock, Sandbox
 from sim.statusfile import ALL_KEYS, BOOLEANS, TEXTS, StatusFile, problems
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -93,6 +93,33 @@ print(int(time.time()))
     assert told[-1] == "-1"
 
 
+def test_a_clock_that_runs_fast(sandbox, build, loop, workdir):
+    script = """
+import ctypes, struct, time
+libc = ctypes.CDLL(None)
+def now():
+    return time.clock_gettime(time.CLOCK_MONOTONIC_RAW), time.monotonic(), time.time()
+begin = now()
+libc.usleep(10000000)
+libc.select(0, None, None, None, struct.pack("@ll", 10, 0))
+for before, after in zip(begin, now()):
+    print(after - before)
+"""
+    clock = FastClock(os.path.join(workdir, "clock"), 100)
+    env = dict(sandbox.environment(os.path.join(build, SHIM)), CARD_SHIM_FAST=clock.path)
+
+    def told():
+        return [float(line) for line in python(sandbox, script, env=env)[-3:]]
+    took, monotonic, wall = told()
+    assert took < 10 and monotonic == wall == 0, "nobody counts it on"
+    loop.keep_calling(clock.tick)
+    took, monotonic, wall = told()
+    assert took < 10
+    assert 1 < monotonic <= took * 100 + 1
+    assert abs(monotonic - wall) < 0.1
+    assert clock.seconds() > monotonic
+
+
 @pytest.mark.parametrize("baud, count", [("B9600", 96), ("B1200", 12), ("B115200", 1152)])
 def test_a_terminal_takes_the_time_of_a_line(sandbox, build, bus, baud, count):
     sandbox.link("/dev/ttyB1", bus.pty("port").path)
@@ -148,7 +175,7 @@ def test_a_program_that_ends_tells_its_status(sandbox):
 
 OWNER = """
 import sys, time
-from sim.sandbox import Sandbox
+from sim.sandbox import FastClock, Sandbox
 sandbox = Sandbox(sys.argv[1])
 sandbox.create_segment(100, key=77)
 print(sandbox.pid, sandbox.spawn(["/bin/sh", "-c", "sleep 1000"]).pid, flush=True)
