@@ -52,7 +52,6 @@ struct Mean {
 /// Everything of one run.
 struct Run {
     descUpsBox_t box;
-    nominal_t nominal;
     time32_t now = 0;
     int actvElem = 0;
     bool noAutonomy = true;
@@ -316,7 +315,7 @@ void finishAutonomy(Run& run) {
 // State of the shelter, and the number by which searchMaster knows the master's module.
 void judgeShelter(Run& run, const ModuleQueriesData_t& slot, uint8& idu) {
     elemDesc_t& shelter = run.box.subSystem.UPSShelter[0];
-    idu = NOIDU;
+    uint8 number = NOIDU;
     if (!slot.commStatus.active) {
         setElemAlarm(shelter, noneAlarm);
     } else if (!slot.commStatus.isGood) {
@@ -325,9 +324,10 @@ void judgeShelter(Run& run, const ModuleQueriesData_t& slot, uint8& idu) {
     } else {
         setElemAlarm(shelter, faultAlarm);  // a good module too, deliberately
         if (slot.pVN->desc.module.data.extStatus.isMaster) {
-            idu = static_cast<uint8>(CABPAddr * 8 + 177);
+            number = static_cast<uint8>(CABPAddr * 8 + 177);
         }
     }
+    idu = number;  // at once: the bus thread reads it unlocked, and sends it to all cards
 }
 
 void publish(const Run& run, const ModuleQueriesData_t& slot, virtualNode_t& boxNode) {

@@ -58,31 +58,35 @@ bool checkIndices(const char* operation, uint8 MCUAdd, uint8 modAdd) {
 
 namespace mlink {
 
+// The records are made apart and stored whole: other processes read them at any instant, and a lost module's are made
+// anew each second.
 void InitValueIdentification(identification_t* ptr) {
-    std::memset(ptr, 0, sizeof(*ptr));
-    std::memset(ptr->SN, ' ', 16);
-    std::memset(ptr->Model, ' ', 16);
-    std::memset(ptr->SWVer, ' ', 12);
-    std::memset(ptr->SN_AUX, ' ', 16);
-    std::memset(ptr->SWVer_AUX, ' ', 12);
-    ptr->IO_Cfg = TT;
-    ptr->UPS_Type = OnLine;
-    ptr->Boost_Cfg = DoubleBoost;
-    ptr->Buck_Cfg = DoubleBuck;
-    ptr->Error_CTRL = CRC;
-    ptr->PwrShareCfg = NoPWRSHARE;
-    ptr->BattBenches = TwoBenches;
-    ptr->NBattForBench = 0;
-    ptr->ParallelInfo = ParallelUPS_Slave;
-    std::memset(ptr->tbdGI, 'x', sizeof(ptr->tbdGI));
-    std::memset(ptr->tbdGE, 'x', sizeof(ptr->tbdGE));
-    ptr->partialInfo = static_cast<uint8>(~(GIexecuted | GEexecuted));
+    identification_t id;
+    std::memset(&id, 0, sizeof(id));
+    std::memset(id.SN, ' ', 16);
+    std::memset(id.Model, ' ', 16);
+    std::memset(id.SWVer, ' ', 12);
+    std::memset(id.SN_AUX, ' ', 16);
+    std::memset(id.SWVer_AUX, ' ', 12);
+    id.IO_Cfg = TT;
+    id.UPS_Type = OnLine;
+    id.Boost_Cfg = DoubleBoost;
+    id.Buck_Cfg = DoubleBuck;
+    id.Error_CTRL = CRC;
+    id.PwrShareCfg = NoPWRSHARE;
+    id.BattBenches = TwoBenches;
+    id.NBattForBench = 0;
+    id.ParallelInfo = ParallelUPS_Slave;
+    std::memset(id.tbdGI, 'x', sizeof(id.tbdGI));
+    std::memset(id.tbdGE, 'x', sizeof(id.tbdGE));
+    id.partialInfo = static_cast<uint8>(~(GIexecuted | GEexecuted));
+    std::memcpy(ptr, &id, sizeof(id));
 }
 
 void InitValueUPSStatus(descModule_t* ptr) {
-    dataObject_t& data = ptr->data;
-    // What this leaves alone, on purpose, is put back after the clearing.
-    const dataObject_t found = data;
+    // What this leaves alone, on purpose, is taken over.
+    const dataObject_t found = ptr->data;
+    dataObject_t data;
     std::memset(&data, 0, sizeof(data));
     data.switchStatus = found.switchStatus;
     data.switchStatus.Bt_present = 1;
@@ -106,6 +110,7 @@ void InitValueUPSStatus(descModule_t* ptr) {
     data.Temp5 = found.Temp5;
     data.Temp6 = found.Temp6;
     data.Cent_kwh = found.Cent_kwh;
+    std::memcpy(&ptr->data, &data, sizeof(data));
 }
 
 void InitValueUPSData(statusCoding_t* ptr) {

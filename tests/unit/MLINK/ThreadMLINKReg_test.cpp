@@ -4,6 +4,7 @@
 #include <cstring>
 #include <thread>
 
+#include "MLINK/MLINKInternal.h"
 #include "MLINK/ThreadMLINK.h"
 #include "unit/MLINK/ModuleLine.h"
 
@@ -130,6 +131,55 @@ TEST_F(ModuleRegistration, ResetsItsNode) {
     EXPECT_EQ(std::memcmp(&rest, &zeroData, sizeof(rest)), 0);
     const statusCoding_t zeroDetail = {};
     EXPECT_EQ(std::memcmp(&node.desc.module.statusDetail, &zeroDetail, sizeof(zeroDetail)), 0);
+}
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool SEES_UNLOCKED_READS = true;
+#else
+constexpr bool SEES_UNLOCKED_READS = false;
+#endif
+
+// Other processes read the records at any instant, and a lost module's are reset each second.
+TEST_F(ModuleRegistration, ResetIsNeverSeenHalfMade) {
+    if (SEES_UNLOCKED_READS) {
+        GTEST_SKIP() << "reads without a lock on purpose";
+    }
+    virtualNode_t& node = plant.module('A');
+    spoil('A');
+    mlink::ResetModuleNode(node);
+    const std::vector<std::pair<const char*, const void*>> fields = {
+        {"SN", node.identification.SN},
+        {"SWVer_AUX", node.identification.SWVer_AUX},
+        {"IO_Cfg", &node.identification.IO_Cfg},
+        {"partialInfo", &node.identification.partialInfo},
+        {"switchStatus", &node.desc.module.data.switchStatus},
+        {"PMStatus", &node.desc.module.data.PMStatus.bytes[1]},
+        {"Frq_out", reinterpret_cast<const uint8*>(&node.desc.module) + offsetof(dataObject_t, Frq_out)},
+        {"Temp0", &node.desc.module.data.Temp0},
+        {"Temp6", &node.desc.module.data.Temp6},
+    };
+    const auto read = [](const void* byte) -> uint8 { return *static_cast<const volatile uint8*>(byte); };
+    std::vector<uint8> steady;
+    for (const auto& field : fields) {
+        steady.push_back(read(field.second));
+    }
+    std::atomic<bool> isOver{false};
+    std::vector<std::size_t> odd(fields.size());
+    std::thread reader([&] {
+        while (!isOver) {
+            for (std::size_t i = 0; i < fields.size(); ++i) {
+                odd[i] += read(fields[i].second) != steady[i] ? 1 : 0;
+            }
+        }
+    });
+    for (int i = 0; i < 200000; ++i) {
+        mlink::ResetModuleNode(node);
+    }
+    isOver = true;
+    reader.join();
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        EXPECT_EQ(odd[i], 0U) << fields[i].first;
+    }
 }
 
 TEST_F(ModuleRegistration, OfAnotherCabinetAddsNoQuery) {
