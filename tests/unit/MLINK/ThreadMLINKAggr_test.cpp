@@ -559,26 +559,6 @@ TEST_F(ModuleAggregation, NominalDataAndIdentificationBecomeTheCabinets) {
     EXPECT_EQ(std::memcmp(&plant.box('A').identification, &node.identification, sizeof(identification_t)), 0);
 }
 
-TEST_F(ModuleAggregation, ClockIsSetAtEachRunUntilTheRequestIsGone) {
-    m.extStatus.Clock_Update = 1;
-    bool isLocked = false;
-    module.onQuery = [&](const std::string&) {
-        isLocked = !plant.in().mutexCABPData->tryLock();
-        if (!isLocked) {
-            plant.in().mutexCABPData->unlock();
-        }
-    };
-    run();
-    EXPECT_EQ(module.frames, std::vector<Bytes>{frame(0x20, '1', "ST", text("010324120001"))});
-    EXPECT_TRUE(isLocked);
-    EXPECT_EQ(ups().extStatus.byte, 0x81) << "the request shows in the cabinet";
-    run();
-    EXPECT_EQ(module.asked, (Names{"ST", "ST"}));
-    m.extStatus.Clock_Update = 0;
-    run();
-    EXPECT_EQ(module.asked.size(), 2U);
-}
-
 TEST_F(ModuleAggregation, NoRootIsSurvived) {
     virtualUPS_t& tree = plant.tree().virtualUPS;
     const virtualUPS_t whole = tree;
