@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "CABP/CABPInternal.h"
+#include "Common/LogStep.h"
 #include "Common/Monotonic.h"
 #include "DevMgr/ComDev.h"
 #include "DevMgr/TTYDev.h"
@@ -147,8 +148,7 @@ class FrameHunter {
         const int len_1 = MIN(FIFOSIZE - fifoTail, pckLen);
         const int len_2 = pckLen - len_1;
         if (len_1 + len_2 > size) {
-            logLine("Err", logBaseName(__FILE__), "CABP_Rcv", "Errore calcolo lunghezze  len_1:%d len_2:%d\n", len_1,
-                    len_2);
+            DBG_E_OF("CABP_Rcv", "Errore calcolo lunghezze  len_1:%d len_2:%d\n", len_1, len_2);
             return false;
         }
         std::memcpy(stream, &fifo[fifoTail], static_cast<std::size_t>(len_1));

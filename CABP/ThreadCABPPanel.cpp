@@ -1,9 +1,12 @@
 // The panel of the root node: commands to the whole system that other processes of the card have written there.
 #include "CABP/ThreadCABP.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/ThreadMLINK.h"
 
 namespace {
+
+constexpr char OPERATION[] = "AggregateBox";  // of which the panel is the last step
 
 // What another process may change at any instant, read once.
 struct Order {
@@ -33,7 +36,7 @@ void testBatteries(MLINKMgr& link, const Order& /*order*/) {
 }
 
 void refuse(MLINKMgr& /*link*/, const Order& order) {
-    DBG_E("Comando (%d) non supportato!!\n", order.value);
+    DBG_E_OF(OPERATION, "Comando (%d) non supportato!!\n", order.value);
 }
 
 struct PanelRow {
@@ -62,7 +65,7 @@ void CABPMgr::runSystemPanel(virtualNode_t& root, const descSys_t& published) {
         }
     }
     if (!isKnown) {
-        DBG_W("Valore non previsto (%d)\n", order.value);
+        DBG_W_OF(OPERATION, "Valore non previsto (%d)\n", order.value);
     }
     root.panel.value = CMD_NONE;
 }

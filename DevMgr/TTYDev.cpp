@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Common/LogStep.h"
 #include "Common/Monotonic.h"
 
 // Lines of a port begin with its device; those below error level only where the port asks for them.
@@ -103,7 +104,7 @@ const char* nameOf(const Row (&rows)[N], uint32 value) {
 int32 getSettings(const char* function, const ttyd_port_t* p, struct termios* settings) {
     if (tcgetattr(platform(p)->fd, settings) != 0) {
         const int error = errno;
-        logLine("Err", logBaseName(__FILE__), function, "tcgetattr() %d %s\n", error, strerror(error));
+        DBG_E_OF(function, "tcgetattr() %d %s\n", error, strerror(error));
         return TTYD_ERR_CONFIG;
     }
     return TTYD_ERR_NOERROR;
@@ -112,7 +113,7 @@ int32 getSettings(const char* function, const ttyd_port_t* p, struct termios* se
 int32 putSettings(const char* function, const ttyd_port_t* p, const struct termios& settings) {
     if (tcsetattr(platform(p)->fd, TCSANOW, &settings) != 0) {
         const int error = errno;
-        logLine("Err", logBaseName(__FILE__), function, "tcsetattr() %d %s\n", error, strerror(error));
+        DBG_E_OF(function, "tcsetattr() %d %s\n", error, strerror(error));
         return TTYD_ERR_CONFIG;
     }
     return TTYD_ERR_NOERROR;
@@ -213,7 +214,7 @@ int32 ttyd_give_back(ttyd_port_t* p) {
     }
     if (tcsetattr(pt->fd, TCSANOW, &pt->oldterm) != 0) {
         const int error = errno;
-        logLine("Err", logBaseName(__FILE__), "ttyd_end", "dev:%s tcsetattr() %d %s\n", p->dev, error, strerror(error));
+        DBG_E_OF("ttyd_end", "dev:%s tcsetattr() %d %s\n", p->dev, error, strerror(error));
         return isDeviceGone(error) ? TTYD_ERR_NOERROR : TTYD_ERR_CONFIG;
     }
     return TTYD_ERR_NOERROR;

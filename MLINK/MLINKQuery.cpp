@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Common/CommandTable.h"
+#include "Common/LogStep.h"
 #include "Common/Monotonic.h"
 #include "DevMgr/ComDev.h"
 #include "DevMgr/TTYDev.h"
@@ -56,7 +57,7 @@ uint16 replyLengthOfDC(const pckStruct& qcs) {
     }
     const uint8* param = static_cast<const uint8*>(qcs.pParam);
     if (qcs.ParamLen != 1 || param == nullptr || (param[0] != '0' && param[0] != '1')) {
-        DBG_E("COMANDO SCONOSCIUTO!!\n");
+        DBG_E_OF("MLINK_GetReplyDataLen", "COMANDO SCONOSCIUTO!!\n");
     }
     return 0;
 }

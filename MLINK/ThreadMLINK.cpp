@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "CABP/CABPTypes.h"
+#include "Common/LogStep.h"
 #include "Common/Monotonic.h"
 #include "Common/SysMgr.h"
 
@@ -124,7 +125,7 @@ void MLINKMgr::idlePass() {
     iteration = COUNTDOWN_ITERATION;
     lastTime = monotonicNow();
     lastidu = 255;
-    DBG_P("MLinkIdle\n");
+    DBG_P_OF("StateMachine", "MLinkIdle\n");
     if (requestUnlockIdlePending) {
         setState(MasterMLink);
         requestUnlockIdlePending = false;

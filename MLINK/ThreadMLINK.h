@@ -121,8 +121,8 @@ class MLINKMgr : public QueuesMgr {
     void drainAsyncQC();
     void endOfRound();
     void runModulePanels();
-    /// Up to five tries at the master's module while it refuses as busy.
-    int sendToMaster(pckStruct& query);
+    /// Up to five tries at the master's module while it refuses as busy. Logs under the name of the operation.
+    int sendToMaster(const char* operation, pckStruct& query);
     int sendModuleSwitch(char boxCh, char modCh, uint8 onOff);
     /// Health record of the own module `Dest`, null where it has none.
     commStatus_t* statusOf(uint8 Dest);

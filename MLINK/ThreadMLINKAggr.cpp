@@ -5,6 +5,7 @@
 
 #include "CABP/CABP.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/LogStep.h"
 #include "Common/Monotonic.h"
 #include "Common/SysMgr.h"
 #include "MLINK/MLINKInternal.h"
@@ -32,6 +33,8 @@ constexpr std::int64_t PACE = 1000;    // ms that must have passed since the las
 constexpr int DISAGREEMENT_LIMIT = 5;  // s that a disagreement must exceed to count
 constexpr uint8 DIFFERENTBUILDS = 2;   // above it the firmware of the plant counts as different
 constexpr uint8 NOIDU = 255;
+
+constexpr char OPERATION[] = "AggregateUPS";  // the log's name for all of its steps
 
 /// A mean in the making.
 struct Mean {
@@ -234,7 +237,7 @@ Timers& timersAt(time32_t now) {
 bool timedTest(AnomalyTimer& timer, bool disagreement, time32_t now, const char* message) {
     const AnomalyVerdict verdict = timer.look(disagreement, now);
     if (verdict == AnomalyVerdict::JustDetected) {
-        DBG_W("%s", message);
+        DBG_W_OF(OPERATION, "%s", message);
     }
     return verdict != AnomalyVerdict::No;
 }
@@ -304,7 +307,7 @@ void finishAutonomy(Run& run) {
     if (ups.Aut_time == 0xFFFF && run.noAutonomy) {
         ups.Aut_time = 0;
         if (ups.switchStatus.Q1) {
-            DBG_E("Nessun modulo acceso ha comunicato l'autonomia\n");
+            DBG_E_OF(OPERATION, "Nessun modulo acceso ha comunicato l'autonomia\n");
         }
     }
     if (ups.Carica_adj == 255) {
@@ -424,9 +427,9 @@ void MLINKMgr::runModulePanels() {
                 moduleOn(letter, FIRSTMODULE);
             }
         } else if (value < CMD_QPR_OFF) {
-            DBG_E("Comando (%d) non supportato!!\n", value);
+            DBG_E_OF(OPERATION, "Comando (%d) non supportato!!\n", value);
         } else {
-            DBG_W("Valore non previsto (%d)\n", value);
+            DBG_W_OF(OPERATION, "Valore non previsto (%d)\n", value);
         }
         node->panel.value = CMD_NONE;
     }

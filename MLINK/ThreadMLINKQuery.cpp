@@ -5,6 +5,7 @@
 
 #include "CABP/CABP.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/ThreadMLINK.h"
 
@@ -66,7 +67,7 @@ void MLINKMgr::singleQCMgr::runTunnelled() {
                 }
                 break;
             }
-            DBG_E("Errore nell'invio del comando CABP_%c%c all'armadio 0x%02X\n", 'Q', 'T', 'A' + sQC_boxId);
+            DBG_E_OF("run", "Errore nell'invio del comando CABP_%c%c all'armadio 0x%02X\n", 'Q', 'T', 'A' + sQC_boxId);
         }
     }
     std::free(reply);
@@ -77,8 +78,8 @@ void MLINKMgr::singleQCMgr::runTunnelled() {
 
 void MLINKMgr::singleQCMgr::runOwn() {
     QCMgr query(*sQC_query, MLINK_BuildQuery, MLINK_GetReplyDataLen(*sQC_query));
-    DBG_P("Insert Single QC %c%c to %c\n", query.QC.MainCmd, query.QC.SubCmd, query.QC.Dest);
-    dumphex("data", query.QC.ParamLen, query.QC.pParam);
+    DBG_P_OF("run", "Insert Single QC %c%c to %c\n", query.QC.MainCmd, query.QC.SubCmd, query.QC.Dest);
+    DUMPHEX_OF("run", "data", query.QC.ParamLen, query.QC.pParam);
     int ret;
     uint8 result;
     {
@@ -87,7 +88,7 @@ void MLINKMgr::singleQCMgr::runOwn() {
         ret = MLINK_ManageQuery(query);
         result = errnoMLink;
     }
-    DBG_P("ret = %d errnoMLink:%d\n", ret, result);
+    DBG_P_OF("run", "ret = %d errnoMLink:%d\n", ret, result);
     if (ret == SUCC) {
         const int room = query.expectedReplyLen - MLINK_HEAD_QUEUE_LEN;
         const int count = std::min<int>(sQC_replyDataLen, room);

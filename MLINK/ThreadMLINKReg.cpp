@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "CABP/CABPTypes.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/MLINKInternal.h"
 #include "MLINK/ThreadMLINK.h"
@@ -32,19 +33,17 @@ pckStruct query(uint8 Src, uint8 Dest, uint8 MainCmd, uint8 SubCmd) {
     return q;
 }
 
-// Logs under the name of the operation that was called.
-#define LOG_ERROR_OF(operation, ...) logLine("Err", logBaseName(__FILE__), operation, __VA_ARGS__)
 #define LOG_NOT_INITIALISED(operation, MCUAdd, UPSAdd) \
-    LOG_ERROR_OF(operation, "MODULO NON INIZIALIZZATO!!! MCUAdd:0x%02X UPSAdd:%c\n", MCUAdd, UPSAdd)
+    DBG_E_OF(operation, "MODULO NON INIZIALIZZATO!!! MCUAdd:0x%02X UPSAdd:%c\n", MCUAdd, UPSAdd)
 
 // The last cabinets have no slot for every module address.
 bool checkIndices(const char* operation, uint8 MCUAdd, uint8 modAdd) {
     if (!isModule(modAdd)) {
-        LOG_ERROR_OF(operation, "Indice del modulo non corretto!\n");
+        DBG_E_OF(operation, "Indice del modulo non corretto!\n");
         return false;
     }
     if (MCU2id(MCUAdd) >= MAXUPSBOX) {
-        LOG_ERROR_OF(operation, "Indice dell'armadio non corretto!\n");
+        DBG_E_OF(operation, "Indice dell'armadio non corretto!\n");
         return false;
     }
     if (slotIndex(MCU2id(MCUAdd), modAdd) < 0) {

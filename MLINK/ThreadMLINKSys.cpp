@@ -4,6 +4,7 @@
 
 #include "CABP/CABP.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/ThreadMLINK.h"
 
@@ -34,11 +35,11 @@ bool addressMaster(pckStruct& query) {
 
 }  // namespace
 
-#define LOG_COMMAND_FAILED(ret, query)                                                                           \
-    DBG_E("Errore errno:%d nell'invio del comando %c%c al modulo %c@%c\n", ret, (query).MainCmd, (query).SubCmd, \
-          (query).Dest, (query).Src)
+#define LOG_COMMAND_FAILED(operation, ret, query)                                                              \
+    DBG_E_OF(operation, "Errore errno:%d nell'invio del comando %c%c al modulo %c@%c\n", ret, (query).MainCmd, \
+             (query).SubCmd, (query).Dest, (query).Src)
 
-int MLINKMgr::sendToMaster(pckStruct& query) {
+int MLINKMgr::sendToMaster(const char* operation, pckStruct& query) {
     if (!addressMaster(query)) {
         return FAIL;
     }
@@ -51,9 +52,9 @@ int MLINKMgr::sendToMaster(pckStruct& query) {
         if (ret == SUCC) {
             return SUCC;
         }
-        LOG_COMMAND_FAILED(ret, query);
+        LOG_COMMAND_FAILED(operation, ret, query);
         if (ret != REFUSED_BUSY) {
-            DBG_E("ESCO\n");
+            DBG_E_OF(operation, "ESCO\n");
             return ret;
         }
     }
@@ -64,7 +65,7 @@ int MLINKMgr::sysPowerOn() {
     uint8 param[2] = {'0', '0'};
     pckStruct query;
     command(query, 'C', 'P', param, sizeof(param));
-    return sendToMaster(query);
+    return sendToMaster(__func__, query);
 }
 
 int MLINKMgr::sysShutdown(uint16 delay_shut) {
@@ -72,7 +73,7 @@ int MLINKMgr::sysShutdown(uint16 delay_shut) {
     MLINK_Dec2DCd(delay_shut, param, 4);
     pckStruct query;
     command(query, 'C', 'S', param, sizeof(param));
-    return sendToMaster(query);
+    return sendToMaster(__func__, query);
 }
 
 int MLINKMgr::sysRestore(uint16 delay_shut, uint16 delay_reboot) {
@@ -81,13 +82,13 @@ int MLINKMgr::sysRestore(uint16 delay_shut, uint16 delay_reboot) {
     MLINK_Dec2DCd(delay_reboot, param + 4, 4);
     pckStruct query;
     command(query, 'C', 'R', param, sizeof(param));
-    return sendToMaster(query);
+    return sendToMaster(__func__, query);
 }
 
 int MLINKMgr::sysDeleteCmd() {
     pckStruct query;
     command(query, 'C', 'D', nullptr, 0);
-    return sendToMaster(query);
+    return sendToMaster(__func__, query);
 }
 
 int MLINKMgr::sysInv_Byp(char cmd) {
@@ -95,7 +96,7 @@ int MLINKMgr::sysInv_Byp(char cmd) {
     uint8 param = static_cast<uint8>(cmd);
     pckStruct query;
     command(query, 'C', 'B', &param, 1);
-    return sendToMaster(query) == SUCC ? SUCC : FAIL;
+    return sendToMaster(__func__, query) == SUCC ? SUCC : FAIL;
 }
 
 int MLINKMgr::sysBatteryTest(uint8 (&paramTB)[3]) {
@@ -110,7 +111,7 @@ int MLINKMgr::sysBatteryTest(uint8 (&paramTB)[3]) {
     }
     const int ret = Send(query);
     if (ret != SUCC) {
-        LOG_COMMAND_FAILED(ret, query);
+        LOG_COMMAND_FAILED(__func__, ret, query);
     }
     return ret;
 }
@@ -130,7 +131,7 @@ int MLINKMgr::sysBatteryCheck() {
     const uint8 boxId = static_cast<uint8>(query.Src - 'A');
     const int ret = boxId == MCU2id(CABPAddr) ? AddAsyncQC(query, false) : queueTunnelled(boxId, query);
     if (ret != SUCC) {
-        LOG_COMMAND_FAILED(ret, query);
+        LOG_COMMAND_FAILED(__func__, ret, query);
     }
     return ret;
 }

@@ -57,7 +57,9 @@ TEST_F(SystemPanel, NoOrderIsNone) {
 TEST_F(SystemPanel, OrdersOfModulesAreRefused) {
     for (const uint8 value : {uint8(4), uint8(5)}) {
         order(value);
-        EXPECT_TRUE(log.has("Err", "Comando (" + std::to_string(value) + ") non supportato!!"));
+        const std::string told = "Comando (" + std::to_string(value) + ") non supportato!!";
+        EXPECT_TRUE(log.has("Err", told));
+        EXPECT_EQ(tellersOf(log, told), std::set<std::string>{"AggregateBox"});
         EXPECT_EQ(panel(), CMD_NONE);
         EXPECT_TRUE(module.asked.empty());
     }
@@ -66,7 +68,9 @@ TEST_F(SystemPanel, OrdersOfModulesAreRefused) {
 TEST_F(SystemPanel, UnknownOrdersAreWarnedOf) {
     for (const int value : {6, 100, 254}) {
         order(static_cast<uint8>(value));
-        EXPECT_TRUE(log.has("War", "Valore non previsto (" + std::to_string(value) + ")"));
+        const std::string told = "Valore non previsto (" + std::to_string(value) + ")";
+        EXPECT_TRUE(log.has("War", told));
+        EXPECT_EQ(tellersOf(log, told), std::set<std::string>{"AggregateBox"});
         EXPECT_EQ(panel(), CMD_NONE);
         EXPECT_TRUE(module.asked.empty());
     }

@@ -79,6 +79,7 @@ TEST(ReplyLength, OfTheSwitchToAModuleIsNothingAndOnlyOnAndOffAreKnown) {
         Bytes data = bytesOf(std::string(n, '1'));
         EXPECT_EQ(MLINK_GetReplyDataLen(query(0x20, '1', "DC", &data)), 0);
         EXPECT_TRUE(log.has("Err", "COMANDO SCONOSCIUTO!!"));
+        EXPECT_EQ(log.entries().front().function, "MLINK_GetReplyDataLen");
     }
 }
 

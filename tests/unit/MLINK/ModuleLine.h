@@ -67,6 +67,17 @@ inline pckStruct query(const char* cmd, Bytes* param = nullptr, uint8 dest = '1'
     return q;
 }
 
+/// The operations under whose names a message stands in the log.
+inline std::set<std::string> tellersOf(const LogCapture& log, const std::string& message) {
+    std::set<std::string> tellers;
+    for (const support::LogEntry& entry : log.entries()) {
+        if (entry.message == message) {
+            tellers.insert(entry.function);
+        }
+    }
+    return tellers;
+}
+
 /// The module at the other end of a line: answers everything with '0' characters of the right number, 3 ms after the
 /// query, unless told otherwise.
 class Module {

@@ -310,6 +310,7 @@ TEST_F(ModuleAggregation, AutonomyNeedsTheBattery) {
     EXPECT_EQ(ups().Carica_adj, 0);
     EXPECT_EQ(log.occurrences(MISSING), 2U) << "at each run";
     EXPECT_TRUE(log.has("Err", MISSING));
+    EXPECT_EQ(tellersOf(log, MISSING), std::set<std::string>{"AggregateUPS"});
     m.switchStatus.Q1 = 0;
     run();
     EXPECT_EQ(ups().Aut_time, 0);
@@ -383,6 +384,7 @@ TEST_F(ModuleAggregation, OutputThatDiffersFromTheSystemsCountsAfterFiveSeconds)
     EXPECT_EQ(ups().extStatus.UPS_OK, 0);
     EXPECT_EQ(log.occurrences(WARNING), 1U) << "told once";
     EXPECT_TRUE(log.has("War", WARNING));
+    EXPECT_EQ(tellersOf(log, WARNING), std::set<std::string>{"AggregateUPS"});
     root().status.Output_Powered = 1;
     run();
     EXPECT_EQ(ups().PMStatus.outputPoweredAnomaly, 0);

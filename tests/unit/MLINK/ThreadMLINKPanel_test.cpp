@@ -46,6 +46,9 @@ TEST_F(ModulePanel, RefusesTheRest) {
         } else {
             EXPECT_TRUE(log.has("War", "Valore non previsto (" + std::to_string(value) + ")"));
         }
+        if (value != 255) {
+            EXPECT_EQ(log.entries().back().function, "AggregateUPS");
+        }
     }
     EXPECT_TRUE(module.asked.empty());
 }

@@ -68,6 +68,11 @@ TEST_F(SingleQuery, TellsWhatItDoes) {
               "data\n"
               "0x30 0x31 \n"
               "ret = 0 errnoMLink:0\n");
+    std::string tellers;
+    for (const support::LogEntry& entry : log.entries()) {
+        tellers += entry.level == "-" ? "" : entry.function + " ";
+    }
+    EXPECT_EQ(tellers, "InsertSingleQC run run run ");
     log.clear();
     shoot(0, query("CD", nullptr, '1', 'A'));
     EXPECT_NE(log.messages().find("data\n\nret"), std::string::npos) << "an empty line without parameters";
@@ -173,6 +178,7 @@ TEST_F(TunnelledQuery, EndsWellEvenIfNobodyAnswers) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(log.occurrences("Errore nell'invio del comando CABP_QT all'armadio 0x42"), 5U);
     EXPECT_TRUE(log.has("Err", "Errore nell'invio del comando CABP_QT all'armadio 0x42"));
+    EXPECT_EQ(tellersOf(log, "Errore nell'invio del comando CABP_QT all'armadio 0x42"), std::set<std::string>{"run"});
 }
 
 TEST_F(TunnelledQuery, StopsAtTheFirstSuccess) {

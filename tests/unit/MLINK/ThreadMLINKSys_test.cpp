@@ -150,6 +150,29 @@ TEST_F(SystemCommand, ModuleThatIsNotReadyIsNotAsked) {
     EXPECT_EQ(log.occurrences("ESCO"), 1U);
 }
 
+TEST_F(SystemCommand, FailureStandsUnderTheNameOfTheCommand) {
+    uint8 paramTB[3] = {'0', '0', '5'};
+    const struct {
+        const char* name;
+        const char* cmd;
+        std::function<int()> run;
+        bool hasEnd;
+    } cases[] = {{"sysPowerOn", "CP", [&] { return link().sysPowerOn(); }, true},
+                 {"sysShutdown", "CS", [&] { return link().sysShutdown(1); }, true},
+                 {"sysRestore", "CR", [&] { return link().sysRestore(1, 1); }, true},
+                 {"sysDeleteCmd", "CD", [&] { return link().sysDeleteCmd(); }, true},
+                 {"sysInv_Byp", "CB", [&] { return link().sysInv_Byp('1'); }, true},
+                 {"sysBatteryTest", "TB", [&] { return link().sysBatteryTest(paramTB); }, false}};
+    setElemAlarm(plant.box('A').desc.upsBox.subSystem.UPSShelter[0], commLostAlarm);
+    for (const auto& c : cases) {
+        log.clear();
+        EXPECT_EQ(c.run(), -1);
+        const std::string told = std::string("Errore errno:-1 nell'invio del comando ") + c.cmd + " al modulo 1@A";
+        EXPECT_EQ(tellersOf(log, told), std::set<std::string>{c.name});
+        EXPECT_EQ(tellersOf(log, "ESCO"), c.hasEnd ? std::set<std::string>{c.name} : std::set<std::string>{});
+    }
+}
+
 TEST_F(SystemCommand, MastersNumberIsTheModulesAddress) {
     makeMaster('A', 255);  // as of a cabinet whose module isn't the master
     EXPECT_EQ(link().sysDeleteCmd(), -1);

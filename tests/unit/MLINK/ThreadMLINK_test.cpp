@@ -99,7 +99,7 @@ TEST_F(Idle, ServesNothing) {
     VirtualClock::clearWaits();
     pass(3);
     EXPECT_TRUE(module.asked.empty());
-    EXPECT_EQ(said(), " idlePass: MLinkIdle\n idlePass: MLinkIdle\n idlePass: MLinkIdle\n");
+    EXPECT_EQ(said(), " StateMachine: MLinkIdle\n StateMachine: MLinkIdle\n StateMachine: MLinkIdle\n");
     EXPECT_EQ(link().getIteration(), -1);
     EXPECT_EQ(in().lastidu, 255);
     EXPECT_EQ(in().lastTime.tv_sec, VirtualClock::START_OF_MONOTONIC + 5);
@@ -123,7 +123,7 @@ TEST_F(Idle, CanBeForcedAgain) {
     link().setState(MasterMLink);
     link().forceIdle();
     pass();
-    EXPECT_EQ(said(), " idlePass: MLinkIdle\n");
+    EXPECT_EQ(said(), " StateMachine: MLinkIdle\n");
     EXPECT_TRUE(in().mutexState->tryLock());
     in().mutexState->unlock();
 }
