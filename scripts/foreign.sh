@@ -41,3 +41,23 @@ Dir::Etc::preferencesparts "$work/none";
 END
     apt-get -c "$work/apt.conf" -qq --error-on=any update
 }
+
+# fetch DIRECTORY ARCHITECTURE META [PACKAGE...]: unpacks the package that a kernel's meta package stands for, and others.
+# What is there already stays: remove build-vm to fetch newer ones.
+fetch() {
+    local directory=$root/$1 arch=$2 meta=$3 conf=$root/$1/apt/apt.conf package
+    shift 3
+    [ ! -e "$directory/complete" ] || return 0
+    rm -rf "$directory"
+    foreign_apt "$directory/apt" "$arch"
+    package=$(apt-cache -c "$conf" depends "$meta" | sed -n 's/^ *Depends: \(linux-image-[^ ]*\)$/\1/p' | head -n 1)
+    echo "fetching $package $*"
+    cd "$directory"
+    apt-get -c "$conf" -qq download "$package" "$@"
+    for package in *.deb; do
+        dpkg-deb -x "$package" .
+    done
+    rm -r ./*.deb apt
+    touch complete
+    cd "$root"
+}

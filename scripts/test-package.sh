@@ -7,6 +7,7 @@
 #
 # Needs root (or sudo), for namespaces and change of root; works below build/package-test. Installs what is missing.
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$root/scripts/clean-root.sh"
 cd "$root"
 
 rebuild=yes
@@ -24,10 +25,6 @@ fi
 
 need lintian debootstrap systemd binutils fakeroot git busybox
 host=$(dpkg --print-architecture)
-work=$root/build/package-test
-mirror=${UGW_MIRROR:-http://deb.debian.org/debian}
-suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
-mkdir -p "$work"
 failed=
 report=
 
@@ -74,32 +71,6 @@ hardened() {
 
 # -- In a clean root ----------------------------------------------------------------------------------------------
 
-# Makes the root of an architecture once, with what the package depends on; each run works on a copy.
-base_root() {
-    local arch=$1 package=$2 base=$work/base-$1
-    local stamp="$suite $mirror $(dpkg-deb -f "$package" Depends)"
-    [ "$(cat "$base/.stamp" 2>/dev/null)" = "$stamp" ] && return
-    rm -rf "$base"
-    debootstrap --variant=minbase --arch="$arch" "$suite" "$base" "$mirror" >"$work/debootstrap-$arch.log" 2>&1 || return 1
-    cp /etc/resolv.conf "$base/etc/resolv.conf"
-    local names
-    names=$(dpkg-deb -f "$package" Depends | sed 's/([^)]*)//g; s/,/ /g')
-    # shellcheck disable=SC2086
-    in_root "$base" apt-get install -y -q --no-install-recommends $names >>"$work/debootstrap-$arch.log" 2>&1 || return 1
-    echo "$stamp" >"$base/.stamp"
-}
-
-# Runs a command in a root, in mount, process and IPC namespaces of its own: nothing of it outlives the command.
-in_root() {
-    local folder=$1
-    shift
-    env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive HOME=/root \
-        ${http_proxy:+http_proxy="$http_proxy"} unshare --mount --ipc --pid --fork --kill-child sh -c '
-        mount -t proc proc "$1/proc" && mount -t tmpfs tmpfs "$1/run" || exit 125
-        folder=$1; shift
-        exec chroot "$folder" "$@"' sh "$folder" "$@"
-}
-
 # Every path of a root but for what the package manager and the linker keep for themselves.
 listing() {
     (cd "$1" && find . -xdev \( -path ./var/lib/dpkg -o -path ./var/cache -o -path ./var/log/dpkg.log -o -path ./run \
@@ -116,7 +87,7 @@ earlier() {
 
 life() {
     local arch=$1 package=$2 folder=$work/root-$1 status inode
-    base_root "$arch" "$package" || { bad "$arch: clean root (see $work/debootstrap-$arch.log)"; return; }
+    base_root "$arch" "$package" "$work/base-$arch" || { bad "$arch: clean root (see $work/debootstrap-$arch.log)"; return; }
     rm -rf "$folder"
     cp -a "$work/base-$arch" "$folder"
     earlier "$package" "$folder/tmp/old.deb"

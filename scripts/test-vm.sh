@@ -17,26 +17,6 @@ need "${build_packages[@]}" python3-pytest binutils cpio
 jobs=$(nproc)
 failed=
 
-# fetch DIRECTORY ARCHITECTURE META [PACKAGE...]: unpacks the package that a kernel's meta package stands for, and others.
-# What is there already stays: remove build-vm to fetch newer ones.
-fetch() {
-    local directory=$root/$1 arch=$2 meta=$3 conf=$root/$1/apt/apt.conf package
-    shift 3
-    [ ! -e "$directory/complete" ] || return 0
-    rm -rf "$directory"
-    foreign_apt "$directory/apt" "$arch"
-    package=$(apt-cache -c "$conf" depends "$meta" | sed -n 's/^ *Depends: \(linux-image-[^ ]*\)$/\1/p' | head -n 1)
-    echo "fetching $package $*"
-    cd "$directory"
-    apt-get -c "$conf" -qq download "$package" "$@"
-    for package in *.deb; do
-        dpkg-deb -x "$package" .
-    done
-    rm -r ./*.deb apt
-    touch complete
-    cd "$root"
-}
-
 # Sets `kernel`, `dtb` (or nothing), `busybox`, `compiler`, `gateway` and `libraries`.
 prepare_x86() {
     need qemu-system-x86 seabios gcc
