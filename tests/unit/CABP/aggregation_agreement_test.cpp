@@ -1,6 +1,5 @@
 // What shows when the cabinets are compared: lock, bypass, battery and output with their ten seconds, battery low, and
 // the switches.
-#include <functional>
 #include <ostream>
 #include <string>
 
@@ -15,11 +14,11 @@ using namespace aggregation;
 
 struct StateCase {
     const char* name;
-    const char* message;                     // at detection
-    std::function<void(dataObject_t&)> set;  // what one cabinet has and the others have not
-    std::function<void(dataObject_t&)> end;  // and no longer
-    uint8 alarm;                             // raised
-    uint8 PMStatus;                          // raised, of the low byte
+    const char* message;         // at detection
+    void (*set)(dataObject_t&);  // what one cabinet has and the others have not
+    void (*end)(dataObject_t&);  // and no longer
+    uint8 alarm;                 // raised
+    uint8 PMStatus;              // raised, of the low byte
     bool raisesBoxFault;
 };
 std::ostream& operator<<(std::ostream& out, const StateCase& state) {
@@ -402,7 +401,7 @@ struct SwitchResult {
 };
 struct SwitchCase {
     const char* name;
-    std::function<void(descUpsBox_t&)> turn;
+    void (*turn)(descUpsBox_t&);
     SwitchResult result;
 };
 std::ostream& operator<<(std::ostream& out, const SwitchCase& turned) {

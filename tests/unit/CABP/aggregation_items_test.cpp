@@ -1,5 +1,4 @@
 // The states of the elements that a pass leaves in the tree, and the boards that ask for their configuration.
-#include <functional>
 #include <ostream>
 #include <string>
 
@@ -16,7 +15,7 @@ class Items : public AggregationTest {};
 
 struct ItemCase {
     const char* name;
-    std::function<void(upsBoxQueriesData_t&, descUpsBox_t&)> set;
+    void (*set)(upsBoxQueriesData_t&, descUpsBox_t&);
     alarmStatus_t state;
 };
 std::ostream& operator<<(std::ostream& out, const ItemCase& item) {

@@ -1,5 +1,4 @@
 // How the fields of the cabinets' records come together in the system's: sums, averages, extremes and bits.
-#include <functional>
 #include <limits>
 #include <vector>
 
@@ -28,8 +27,8 @@ TEST_F(Scans, NothingIsToldAboutAPlantThatIsWell) {
 // The second record differs from the first by what is set; so does the system's by what is expected.
 struct FieldCase {
     const char* name;
-    std::function<void(descUpsBox_t&)> set;
-    std::function<void(descSys_t&)> expect;
+    void (*set)(descUpsBox_t&);
+    void (*expect)(descSys_t&);
 };
 std::ostream& operator<<(std::ostream& out, const FieldCase& field) {
     return out << field.name;
@@ -211,8 +210,8 @@ INSTANTIATE_TEST_SUITE_P(
 struct MeanCase {
     const char* name;
     uint16 dead;
-    std::function<void(dataObject_t&, uint16)> set;
-    std::function<uint16(const dataObject_t&)> get;
+    void (*set)(dataObject_t&, uint16);
+    uint16 (*get)(const dataObject_t&);
 };
 std::ostream& operator<<(std::ostream& out, const MeanCase& mean) {
     return out << mean.name;

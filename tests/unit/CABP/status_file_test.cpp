@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -162,7 +161,7 @@ TEST_F(StatusFile, WithoutAlarmsTheListClosesOnTheNextLine) {
 // One field set: exactly the lines that are named change.
 struct KeyCase {
     const char* key;
-    std::function<void(descSys_t&, virtualNode_t&)> set;
+    void (*set)(descSys_t&, virtualNode_t&);
     const char* shown;
 };
 
@@ -314,7 +313,7 @@ TEST_F(StatusFile, NoOtherFieldReachesTheKeys) {
 
 struct AlarmCase {
     const char* name;
-    std::function<void(descSys_t&)> set;
+    void (*set)(descSys_t&);
 };
 
 class StatusFileAlarm : public StatusFile, public testing::WithParamInterface<AlarmCase> {

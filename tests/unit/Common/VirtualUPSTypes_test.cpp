@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,7 +55,7 @@ uint8 allOnes = 0xFF;
 template <typename Record>
 struct Bit {
     const char* name;
-    std::function<void(Record&)> set;
+    void (*set)(Record&);
     std::size_t byte;
     uint8 mask;
 };
