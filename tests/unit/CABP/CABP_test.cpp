@@ -78,6 +78,7 @@ TEST_F(Building, LengthGoesHighByteFirst) {
     EXPECT_EQ(built[5], 0x01);
     EXPECT_EQ(built[6], 0x0C);
     EXPECT_EQ(built, frame(0xEA, 0xEB, "BS", data));
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(Building, MissingParametersAreToldAndGoOutAsZeros) {

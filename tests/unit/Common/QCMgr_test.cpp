@@ -206,6 +206,14 @@ TEST_F(QCMgrTest, GivesBackAllItTook) {
     EXPECT_EQ(log.text(), "");
 }
 
+TEST_F(QCMgrTest, GoesSilentlyWithoutParameters) {
+    Description description(0xEB, "BN", {});
+    const int before = freecalls::total();
+    { const QCMgr element(*description, buildFrame, 4); }
+    EXPECT_EQ(freecalls::total(), before + 2) << "frame and reply";
+    EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(QCMgrTest, AssignsShallowAndLeavesSourceAddressAndFrameLengthAlone) {
     commStatus_t status = {};
     QCMgr right = query(0xEB, "SC", {7, 8, 9}, &status);

@@ -76,6 +76,14 @@ Lines moduleThreadLines(const SystemMgr& mgr) {
     return {" Avvio la thread MLink " + address + "...", " ... avviata thread MLink " + address};
 }
 
+pckStruct queryTo(uint8 address, const char* command) {
+    pckStruct query;
+    query.Dest = address;
+    query.MainCmd = static_cast<uint8>(command[0]);
+    query.SubCmd = static_cast<uint8>(command[1]);
+    return query;
+}
+
 void setPlant(bool b, bool c, bool d) {
     moduleBpresent = b;
     moduleCpresent = c;
@@ -179,6 +187,9 @@ TEST_F(Registration, StartsWithClearedErrors) {
     SystemMgr& mgr = make();
     mgr.pThCABP->upsBox[0].MCUcommStatus.errorCnt = 5;
     mgr.pThCABP->upsBox[3].MCUcommStatus.errorCnt = 5;
+    QCMgr failed(queryTo(0xEB, "BS"), CABP_BuildQuery, 0);
+    mgr.pThCABP->saveLastErr(&failed);
+    ASSERT_NE(mgr.pThCABP->getLastErr(), QString("LastErr:"));
     VirtualClock::setWall(1800000000);
     LogCapture log;
     mgr.RegisterAll();
@@ -438,10 +449,36 @@ TEST_F(Lifecycle, OpensTheModulePortBeforeAnyThreadRuns) {
     EXPECT_TRUE(line.isOpen());
     EXPECT_FALSE(mgr->pThMLink->isRunning());
     EXPECT_EQ(threads.heldBack(), 1U) << "the bus thread alone is started here";
+    EXPECT_EQ(mgr->pThMLink->thread(), mgr->pThMLink) << "each lives in its own thread";
+    EXPECT_EQ(mgr->pThCABP->thread(), mgr->pThCABP);
     mgr.reset();
     EXPECT_FALSE(line.isOpen());
     EXPECT_FALSE(log.contains("Fermo la thread MLink")) << "it never ran";
     serialPort = nullptr;
+}
+
+// What the bus has brought while the plant was being registered is stale.
+TEST(RegisteredCard, StartsWithAnEmptyPort) {
+    support::Plant plant;
+    plant.line().put({1, 2, 3});
+    plant.registerAll();
+    EXPECT_EQ(plant.line().waiting(), 0U);
+    EXPECT_EQ(plant.line().calls(support::LineCall::Open), 1U) << "it stays open";
+}
+
+TEST(OrderlyStop, LeavesNoQueryWaiting) {
+    support::Plant plant;
+    plant.registerAll();
+    const LogCapture quiet;
+    const pckStruct query = queryTo(0xEB, "BI");
+    const pckStruct question = queryTo('1', "GI");
+    plant.bus().AddAsyncQC(query);
+    plant.link().AddAsyncQC(question, false);
+    ASSERT_TRUE(plant.bus().isPresentInAsyncQC(query));
+    ASSERT_TRUE(plant.link().isPresentInAsyncQC(question));
+    plant.sys().DeRegisterAll();
+    EXPECT_FALSE(plant.bus().isPresentInAsyncQC(query));
+    EXPECT_FALSE(plant.link().isPresentInAsyncQC(question));
 }
 
 // Registrations, tree, module link, bus.

@@ -180,21 +180,28 @@ TEST_F(FirstConfiguration, GivesTheTypeOfTheBoard) {
     }
 }
 
+// Both from an empty record, where the set ones show, and from a full one, where the cleared ones do.
 TEST_F(FirstConfiguration, GivesAComboBoxTwoMoreSensors) {
-    std::fill_n(box_.sensTPresent, MAXSENSTEMP, true);
-    box_.hygroPresent = true;
-    EXPECT_TRUE(mgr_.isFirstCfg(2, 3));
-    const uint8 expected[13] = {1, 'C', 0, 0, 0, 0, 0, 0, 1, 1, 1, 0, 0};
-    EXPECT_EQ(std::memcmp(&box_, expected, sizeof(expected)), 0);
+    for (const bool before : {false, true}) {
+        std::memset(&box_, 0, sizeof(box_));
+        std::fill_n(box_.sensTPresent, MAXSENSTEMP, before);
+        box_.hygroPresent = before;
+        EXPECT_TRUE(mgr_.isFirstCfg(2, 3));
+        const uint8 expected[13] = {1, 'C', 0, 0, 0, 0, 0, 0, 1, 1, 1, 0, 0};
+        EXPECT_EQ(std::memcmp(&box_, expected, sizeof(expected)), 0) << before;
+    }
 }
 
 TEST_F(FirstConfiguration, GivesAnyOtherCabinetOneSensor) {
-    std::fill_n(box_.sensTPresent, MAXSENSTEMP, true);
-    box_.hygroPresent = true;
-    box_.batteryPresent[4] = true;  // beyond what is asked: cleared all the same
-    EXPECT_TRUE(mgr_.isFirstCfg(2, 0));
-    const uint8 expected[13] = {1, 'V', 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0};
-    EXPECT_EQ(std::memcmp(&box_, expected, sizeof(expected)), 0);
+    for (const bool before : {false, true}) {
+        std::memset(&box_, 0, sizeof(box_));
+        std::fill_n(box_.sensTPresent, MAXSENSTEMP, before);
+        box_.hygroPresent = before;
+        box_.batteryPresent[4] = before;  // beyond what is asked: cleared all the same
+        EXPECT_TRUE(mgr_.isFirstCfg(2, 0));
+        const uint8 expected[13] = {1, 'V', 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0};
+        EXPECT_EQ(std::memcmp(&box_, expected, sizeof(expected)), 0) << before;
+    }
 }
 
 // How many presence bytes are looked at goes by the cabinet's present type, not by the one it is to get.
