@@ -1,6 +1,7 @@
 // What only shows when the cabinets are compared: states and switches that some have and some have not. States are
 // judged with timers, since the records that are compared are of different age; switches at once.
 #include "CABP/AggregateInternal.h"
+#include "Common/LogStep.h"
 
 namespace aggr {
 namespace {
@@ -66,7 +67,7 @@ void decideStates(dataObject_t& sys, const Contributors& counts) {
 bool isAnomaly(AnomalyTimer& timer, bool present, time32_t now, const char* message) {
     const AnomalyVerdict verdict = timer.look(present, now);
     if (verdict == AnomalyVerdict::JustDetected) {
-        DBG_W("%s", message);
+        DBG_W_OF(OPERATION, "%s", message);
     }
     return verdict != AnomalyVerdict::No;
 }

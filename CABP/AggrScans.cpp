@@ -2,6 +2,7 @@
 #include <cstddef>
 
 #include "CABP/AggregateInternal.h"
+#include "Common/LogStep.h"
 
 namespace aggr {
 namespace {
@@ -169,7 +170,7 @@ void finishValues(Pass& pass) {
     if (sys.Aut_time == NOTHING16 && counts.lowCnt[LOW_VBATP] == 0) {
         sys.Aut_time = 0;
         if (sys.switchStatus.Q1 != 0) {
-            DBG_E("Nessun armadio acceso ha comunicato l'autonomia\n");
+            DBG_E_OF(OPERATION, "Nessun armadio acceso ha comunicato l'autonomia\n");
         }
     }
     if (sys.Carica_adj == NOTHING8) {

@@ -13,6 +13,9 @@ namespace aggr {
 
 constexpr int LINES = 3;
 
+/// The log's name for all of its steps.
+constexpr char OPERATION[] = "AggregateBox";
+
 /// Seconds that a disagreement between cabinets must outlast.
 constexpr int AnomalyTimeout = 10;
 /// Seconds that the want of redundancy must outlast.

@@ -6,6 +6,7 @@
 
 #include "CABP/CABP.h"
 #include "CABP/CABPInternal.h"
+#include "Common/LogStep.h"
 #include "MLINK/MLINK.h"
 
 namespace {
@@ -35,7 +36,7 @@ uint16 CABP_GetTunnelReplyDataLen(const pckStruct& qcs) {
     if (CABP_ExtractTunnelled(qcs, inner)) {
         length = MLINK_GetReplyDataLen(inner);
     } else {
-        DBG_E("Pacchetto incapsulato non valido: Len:%d\n", qcs.ParamLen);
+        DBG_E_OF("CABP_GetReplyDataLen", "Pacchetto incapsulato non valido: Len:%d\n", qcs.ParamLen);
     }
     return static_cast<uint16>(length + STAMPLEN + MLINK_HEAD_QUEUE_LEN);
 }

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "Common/LogStep.h"
+
 using namespace clockstages;
 
 int32 ClockMgr::prevdelta = 0;
@@ -13,6 +15,8 @@ namespace {
 
 constexpr time32_t ORDINARY = 1;  // epochT of a clock in ordinary running
 
+constexpr char OPERATION[] = "elaborateClkData";  // the log's name for all of its steps
+
 clkTime_t timeOfDay() {
     timeval now;
     gettimeofday(&now, nullptr);
@@ -20,14 +24,14 @@ clkTime_t timeOfDay() {
 }
 
 void logTable(const clkStruct& table, int64_t offset, const GroupSum& sum) {
-    DBG_P("delta pesato:%ld\n", static_cast<long>(offset));
+    DBG_P_OF(OPERATION, "delta pesato:%ld\n", static_cast<long>(offset));
     for (int i = 0; i < MAXUPSBOX; ++i) {
         const clockData entry = table.clkValue[i];
-        DBG_P("-%d- T:%11i.%03lis delta: %6ims epochT:%11is\n", i, entry.T.tv_sec,
-              static_cast<long>(entry.T.tv_usec / 1000), entry.delta, entry.epochT);
+        DBG_P_OF(OPERATION, "-%d- T:%11i.%03lis delta: %6ims epochT:%11is\n", i, entry.T.tv_sec,
+                 static_cast<long>(entry.T.tv_usec / 1000), entry.delta, entry.epochT);
     }
-    DBG_P("accT:%6i countMCU:%d\n", static_cast<int>(sum.accT), sum.countMCU);
-    DBG_P("TftTime:%d\n", static_cast<int>(table.TftTime));
+    DBG_P_OF(OPERATION, "accT:%6i countMCU:%d\n", static_cast<int>(sum.accT), sum.countMCU);
+    DBG_P_OF(OPERATION, "TftTime:%d\n", static_cast<int>(table.TftTime));
 }
 
 }  // namespace
@@ -105,9 +109,9 @@ void ClockMgr::updatePriority(clkStruct& table, int ownId, time32_t maxEpoch) {
     own.epochT = static_cast<time32_t>(epochWhenClockChanged);
     const int64_t age = static_cast<int64_t>(own.T.tv_sec) - epochWhenClockChanged;
     if (ABS(age) >= PRIORITY_S) {
-        DBG_P("Fine priorita' di questo orologio\n");
+        DBG_P_OF(OPERATION, "Fine priorita' di questo orologio\n");
     } else if (epochWhenClockChanged <= maxEpoch) {
-        DBG_P("Altro display guadagna priorita'\n");
+        DBG_P_OF(OPERATION, "Altro display guadagna priorita'\n");
     } else {
         for (int i = 0; i < MAXUPSBOX; ++i) {
             if (i != ownId) {
@@ -125,8 +129,8 @@ void ClockMgr::restartFilter(clkStruct& table, int ownId, int remoteId) {
         return;
     }
     clockData& own = table.clkValue[ownId];
-    DBG_P("Sincronizzo gli orologi\n my_tv_sec:%ld  rem_tv_sec:%ld\n", static_cast<long>(own.T.tv_sec),
-          static_cast<long>(table.clkValue[remoteId].T.tv_sec));
+    DBG_P_OF(OPERATION, "Sincronizzo gli orologi\n my_tv_sec:%ld  rem_tv_sec:%ld\n", static_cast<long>(own.T.tv_sec),
+             static_cast<long>(table.clkValue[remoteId].T.tv_sec));
     own.delta = 0;
     prevdelta = 0;
 }
@@ -151,8 +155,9 @@ void ClockMgr::slew(int64_t offset) {
     if (adjtime(&delta, &oldDelta) == 0) {
         lastAdj = std::time(nullptr);
     } else {
-        DBG_E("adjtime() failed, errno = %d\n", errno);
+        DBG_E_OF(OPERATION, "adjtime() failed, errno = %d\n", errno);
     }
-    DBG_P("delta:%ld.%06ld\n", static_cast<long>(delta.tv_sec), static_cast<long>(delta.tv_usec));
-    DBG_P("oldDelta:%ld.%06ld\n", static_cast<long>(oldDelta.tv_sec), static_cast<long>(oldDelta.tv_usec));
+    DBG_P_OF(OPERATION, "delta:%ld.%06ld\n", static_cast<long>(delta.tv_sec), static_cast<long>(delta.tv_usec));
+    DBG_P_OF(OPERATION, "oldDelta:%ld.%06ld\n", static_cast<long>(oldDelta.tv_sec),
+             static_cast<long>(oldDelta.tv_usec));
 }

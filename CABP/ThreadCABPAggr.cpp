@@ -8,6 +8,7 @@
 #include "CABP/AggregateInternal.h"
 #include "CABP/StatusFile.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "Measure/VirtualUPSMgr.h"
 
@@ -259,7 +260,7 @@ void CABPMgr::scanSwitches(Pass& pass) {
 
 // A board asks for its parameters: the master queues them.
 void CABPMgr::answerConfigUpdate(int id) {
-    DBG_P("Ho ricevuto la richiesta di configurazione da MU_%c\n", 'A' + id);
+    DBG_P_OF(aggr::OPERATION, "Ho ricevuto la richiesta di configurazione da MU_%c\n", 'A' + id);
     if (state != Master) {
         return;
     }
@@ -297,14 +298,14 @@ void CABPMgr::writeStatusFile(time32_t now, const descSys_t& tempSys, const virt
         case StatusFileResult::Written:
             break;
         case StatusFileResult::NotOpened:
-            DBG_E("fopen() ugw.tmp %d %s\n", errno, std::strerror(errno));
+            DBG_E_OF(aggr::OPERATION, "fopen() ugw.tmp %d %s\n", errno, std::strerror(errno));
             QThread::exit(1);  // this thread runs no event loop: without effect
             break;
         case StatusFileResult::NotWritten:
-            DBG_E("fclose() ugw.tmp %d %s\n", errno, std::strerror(errno));
+            DBG_E_OF(aggr::OPERATION, "fclose() ugw.tmp %d %s\n", errno, std::strerror(errno));
             break;
         case StatusFileResult::NotRenamed:
-            DBG_E("rename() %d %s\n", errno, std::strerror(errno));
+            DBG_E_OF(aggr::OPERATION, "rename() %d %s\n", errno, std::strerror(errno));
             QThread::exit(-1);
             break;
     }

@@ -5,6 +5,7 @@
 
 #include "CABP/CABPTunnel.h"
 #include "CABP/ThreadCABP.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/ThreadMLINK.h"
 
@@ -189,7 +190,8 @@ void CABPMgr::takeCN(const pckStruct& query) {
     std::memcpy(&itsBuild, query.pParam, MIN<std::size_t>(query.ParamLen, sizeof(itsBuild)));
     if (query.ParamLen < sizeof(itsBuild) || itsBuild != pSysMgr->build) {
         pSysMgr->cntForSameBuild = CNTOTHERBUILD;
-        DBG_W("Versioni MCU differenti: MCU:%c(%d) myMCU(%d)\n", boxLetter(query.Src), itsBuild, pSysMgr->build);
+        DBG_W_OF("ManageCommand", "Versioni MCU differenti: MCU:%c(%d) myMCU(%d)\n", boxLetter(query.Src), itsBuild,
+                 pSysMgr->build);
         return;
     }
     if (pSysMgr->cntForSameBuild != 0) {

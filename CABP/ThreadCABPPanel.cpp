@@ -1,12 +1,11 @@
 // The panel of the root node: commands to the whole system that other processes of the card have written there.
+#include "CABP/AggregateInternal.h"
 #include "CABP/ThreadCABP.h"
 #include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/ThreadMLINK.h"
 
 namespace {
-
-constexpr char OPERATION[] = "AggregateBox";  // of which the panel is the last step
 
 // What another process may change at any instant, read once.
 struct Order {
@@ -36,7 +35,7 @@ void testBatteries(MLINKMgr& link, const Order& /*order*/) {
 }
 
 void refuse(MLINKMgr& /*link*/, const Order& order) {
-    DBG_E_OF(OPERATION, "Comando (%d) non supportato!!\n", order.value);
+    DBG_E_OF(aggr::OPERATION, "Comando (%d) non supportato!!\n", order.value);
 }
 
 struct PanelRow {
@@ -65,7 +64,7 @@ void CABPMgr::runSystemPanel(virtualNode_t& root, const descSys_t& published) {
         }
     }
     if (!isKnown) {
-        DBG_W_OF(OPERATION, "Valore non previsto (%d)\n", order.value);
+        DBG_W_OF(aggr::OPERATION, "Valore non previsto (%d)\n", order.value);
     }
     root.panel.value = CMD_NONE;
 }

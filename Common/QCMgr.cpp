@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Common/LogStep.h"
 #include "Common/QueuesMgr.h"
 
 namespace {
@@ -11,12 +12,12 @@ constexpr int GOOD_INTERVAL_S = 30;  // the score falls once in more than this
 // A copy from malloc, or null with its line in the log: where there is no memory, or no bytes to copy.
 void* copyOf(const void* bytes, std::size_t size) {
     if (bytes == nullptr) {
-        DBG_E("nessun byte da copiare, attesi:%d\n", static_cast<int>(size));
+        DBG_E_OF("QCMgr", "nessun byte da copiare, attesi:%d\n", static_cast<int>(size));
         return nullptr;
     }
     void* copy = std::malloc(size);
     if (copy == nullptr) {
-        DBG_E("malloc fallita!!\n");
+        DBG_E_OF("QCMgr", "malloc fallita!!\n");
         return nullptr;
     }
     std::memcpy(copy, bytes, size);

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "Common/CommandTable.h"
+#include "Common/LogStep.h"
 #include "Common/SysMgr.h"
 #include "MLINK/MLINK.h"
 #include "MLINK/MLINKInternal.h"
@@ -278,8 +279,8 @@ constexpr Command commands[] = {
 void decodeInto(uint8 boxId, time_t timestamp, const pckStruct& reply, const Command& command) {
     ModuleQueriesData_t* slot = pSysMgr->pThMLink->slotOf(boxId, reply.Src);
     if (slot == nullptr || slot->pVN == nullptr || reply.ParamLen < command.length) {
-        DBG_E("Risposta %c%c scartata: box:%d Src:0x%02X Len:%d\n", reply.MainCmd, reply.SubCmd, boxId, reply.Src,
-              reply.ParamLen);
+        DBG_E_OF("MLINK_ManageData", "Risposta %c%c scartata: box:%d Src:0x%02X Len:%d\n", reply.MainCmd, reply.SubCmd,
+                 boxId, reply.Src, reply.ParamLen);
         return;
     }
     command.decode(*slot->pVN, reply, timestamp);

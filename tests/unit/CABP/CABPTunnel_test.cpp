@@ -116,6 +116,7 @@ TEST(TunnelLength, LooksNoFurtherThanTheDataReach) {
         LogCapture log;
         EXPECT_EQ(CABP_GetReplyDataLen(bus::query(0xEB, "QT", &inner)), 16) << size;
         EXPECT_EQ(log.errors(), 1u);
+        EXPECT_EQ(log.entries().front().function, "CABP_GetReplyDataLen");
     }
     EXPECT_EQ(CABP_GetReplyDataLen(bus::query(0xEB, "QT")), 16);
 }

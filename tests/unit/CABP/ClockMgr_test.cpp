@@ -218,7 +218,7 @@ TEST_F(ClockTest, ThePriorityEndsAfterFiveMinutes) {
         setOffset(1000 * MSEC);
         clock.epochWhenClockChanged = NOW_S - age;
         elaborate();
-        EXPECT_EQ(log.text(), line("", "updatePriority", "Fine priorita' di questo orologio\n"));
+        EXPECT_EQ(log.text(), line("", "elaborateClkData", "Fine priorita' di questo orologio\n"));
         EXPECT_EQ(clock.epochWhenClockChanged, 0);
         EXPECT_EQ(time32_t{own().epochT}, 1);
         EXPECT_EQ(OpenClock::prevdelta, 266) << "it compares again, in the same call";
@@ -233,7 +233,7 @@ TEST_F(ClockTest, ANewerOrEqualClockTakesThePriorityAway) {
         clock.epochWhenClockChanged = NOW_S - 10;
         remote().epochT = NOW_S - 10 + newer;
         elaborate();
-        EXPECT_EQ(log.text(), line("", "updatePriority", "Altro display guadagna priorita'\n"));
+        EXPECT_EQ(log.text(), line("", "elaborateClkData", "Altro display guadagna priorita'\n"));
         EXPECT_EQ(clock.epochWhenClockChanged, 0);
         EXPECT_EQ(time32_t{own().epochT}, 1);
         EXPECT_EQ(time32_t{remote().epochT}, NOW_S - 10 + newer);
@@ -245,7 +245,7 @@ TEST_F(ClockTest, AnExpiredPriorityIsNotedAsExpiredEvenIfAnotherIsNewer) {
     clock.epochWhenClockChanged = NOW_S - 300;
     remote().epochT = NOW_S;
     elaborate();
-    EXPECT_EQ(log.text(), line("", "updatePriority", "Fine priorita' di questo orologio\n"));
+    EXPECT_EQ(log.text(), line("", "elaborateClkData", "Fine priorita' di questo orologio\n"));
 }
 
 TEST_F(ClockTest, AMarkThatTheFrameBroughtBackMakesItTheReference) {
@@ -286,7 +286,7 @@ TEST_F(ClockTest, StartsTheFilterOverAtOneAndAHalfSeconds) {
             table.clkValue[i].T = expected.clkValue[i].T = remote().T;
         }
         elaborate();
-        EXPECT_EQ(log.text(), line("", "restartFilter",
+        EXPECT_EQ(log.text(), line("", "elaborateClkData",
                                    "Sincronizzo gli orologi\n my_tv_sec:" + std::to_string(NOW_S) +
                                        "  rem_tv_sec:" + std::to_string(remote().T.tv_sec) + "\n"));
         EXPECT_EQ(image(table), image(expected));
@@ -380,7 +380,7 @@ TEST_F(ClockTest, ShowsTheTableBelowTheCorrection) {
         believe(ms);
         elaborate();
         EXPECT_EQ(log.lines().size(), 7u);
-        EXPECT_EQ(log.lines().at(0) + "\n", line("", "logTable", "delta pesato:" + std::to_string(ms) + "\n"));
+        EXPECT_EQ(log.lines().at(0) + "\n", line("", "elaborateClkData", "delta pesato:" + std::to_string(ms) + "\n"));
     }
     EXPECT_EQ(corrections(), 0u);
     EXPECT_EQ(clock.lastAdj, 1);
@@ -400,14 +400,15 @@ TEST_F(ClockTest, WritesEveryLineOfACorrection) {
     ASSERT_EQ(corrections(), 1u);
     EXPECT_EQ(lastCorrection(), -76000);
     EXPECT_EQ(clock.lastAdj, NOW_S);
-    EXPECT_EQ(log.text(), line("", "slew", "delta:0.-76000\n") + line("", "slew", "oldDelta:-1.-250000\n") +
-                              line("", "logTable", "delta pesato:76\n") +
-                              line("", "logTable", "-0- T: 1709294400.250s delta:    176ms epochT:          0s\n") +
-                              line("", "logTable", "-1- T: 1709294400.074s delta:      0ms epochT:          1s\n") +
-                              line("", "logTable", "-2- T:          5.007s delta:   6400ms epochT:         -3s\n") +
-                              line("", "logTable", "-3- T:         -1.-07s delta: -1234567ms epochT:          0s\n") +
-                              line("", "logTable", "accT:  6400 countMCU:2\n") +
-                              line("", "logTable", "TftTime:100000\n"));
+    EXPECT_EQ(log.text(),
+              line("", "elaborateClkData", "delta:0.-76000\n") + line("", "elaborateClkData", "oldDelta:-1.-250000\n") +
+                  line("", "elaborateClkData", "delta pesato:76\n") +
+                  line("", "elaborateClkData", "-0- T: 1709294400.250s delta:    176ms epochT:          0s\n") +
+                  line("", "elaborateClkData", "-1- T: 1709294400.074s delta:      0ms epochT:          1s\n") +
+                  line("", "elaborateClkData", "-2- T:          5.007s delta:   6400ms epochT:         -3s\n") +
+                  line("", "elaborateClkData", "-3- T:         -1.-07s delta: -1234567ms epochT:          0s\n") +
+                  line("", "elaborateClkData", "accT:  6400 countMCU:2\n") +
+                  line("", "elaborateClkData", "TftTime:100000\n"));
 }
 
 TEST_F(ClockTest, CorrectsByTheWholeOffsetInSecondsAndMicroseconds) {
@@ -454,9 +455,10 @@ TEST_F(ClockTest, AFailedAdjustmentIsReportedAndDoesNotStartTheInterval) {
     elaborate();
     EXPECT_EQ(corrections(), 1u);
     EXPECT_EQ(clock.lastAdj, 1);
-    const std::string expected = line("Err", "slew", "adjtime() failed, errno = " + std::to_string(EPERM) + "\n") +
-                                 line("", "slew", "delta:0.-100000\n") + line("", "slew", "oldDelta:0.000000\n") +
-                                 line("", "logTable", "delta pesato:100\n");
+    const std::string expected =
+        line("Err", "elaborateClkData", "adjtime() failed, errno = " + std::to_string(EPERM) + "\n") +
+        line("", "elaborateClkData", "delta:0.-100000\n") + line("", "elaborateClkData", "oldDelta:0.000000\n") +
+        line("", "elaborateClkData", "delta pesato:100\n");
     EXPECT_EQ(log.text().substr(0, expected.size()), expected);
     EXPECT_EQ(log.lines().size(), 10u);
 

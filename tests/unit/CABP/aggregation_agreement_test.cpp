@@ -182,6 +182,7 @@ TEST_F(AggregationTest, DisagreementsDoNotShareTheirTime) {
     pass(SECOND);
     passes(5);
     EXPECT_EQ(log.messages(), "Non tutti gli armadi sono in Lock!!\n");
+    EXPECT_EQ(log.entries().front().function, "AggregateBox");
     passes(5);
     EXPECT_EQ(log.occurrences("BypassBad"), 0u);
     pass(SECOND);

@@ -179,6 +179,7 @@ TEST_F(Items, MasterQueuesTheParametersForABoardThatAsks) {
     LogCapture log;
     pass();
     EXPECT_TRUE(log.has("", "Ho ricevuto la richiesta di configurazione da MU_C"));
+    EXPECT_EQ(log.entries().front().function, "AggregateBox");
     ASSERT_EQ(plant.in().AsyncQC.size(), 1);
     const QCMgr& elem = *plant.in().AsyncQC.head();
     EXPECT_EQ(elem.QC.Src, 0xEA);

@@ -420,6 +420,7 @@ TEST_F(Pass, OpenFailureIsToldAndTheTreeIsPublished) {
     ups('A').Temp0 = 99;
     pass();
     EXPECT_EQ(log.messages(), "fopen() ugw.tmp 13 Permission denied\n");
+    EXPECT_EQ(log.entries().front().function, "AggregateBox");
     EXPECT_EQ(log.errors(), 1u);
     EXPECT_EQ(replaced::rename().count(), renamed);
     EXPECT_EQ(sys().Temp0, 99);
@@ -438,6 +439,7 @@ TEST_F(Pass, RenameFailureIsToldAndTheTreeIsPublished) {
     ups('A').Temp0 = 99;
     pass();
     EXPECT_EQ(log.messages(), "rename() 30 Read-only file system\n");
+    EXPECT_EQ(log.entries().front().function, "AggregateBox");
     EXPECT_EQ(log.errors(), 1u);
     EXPECT_EQ(sys().Temp0, 99);
     EXPECT_FALSE(jsonHas("\"SYSTEMTEMP\": 99"));

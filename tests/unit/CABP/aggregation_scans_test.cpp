@@ -334,6 +334,7 @@ TEST_F(Scans, SwitchedOnPlantWithoutBatteryTellsOfItInEachPass) {
     EXPECT_EQ(sys().Vbatp, 0);
     EXPECT_EQ(sys().VbatRS, 540);
     EXPECT_EQ(log.messages(), "Nessun armadio acceso ha comunicato l'autonomia\n");
+    EXPECT_EQ(log.entries().front().function, "AggregateBox");
     EXPECT_EQ(log.errors(), 1u);
     pass();
     EXPECT_EQ(log.errors(), 2u);

@@ -121,6 +121,7 @@ TEST_F(HandOver, OtherBuildIsToldAndNothingElseTaken) {
     EXPECT_EQ(sameBuild(), 8);
     ASSERT_EQ(log.entries().size(), 1U);
     EXPECT_TRUE(log.has("War", "Versioni MCU differenti: MCU:C(7) myMCU(-1)"));
+    EXPECT_EQ(log.entries().front().function, "ManageCommand");
 }
 
 TEST_F(HandOver, BuildsCountAsAlikeAgainFrameByFrame) {

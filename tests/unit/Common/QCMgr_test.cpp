@@ -130,7 +130,7 @@ TEST_F(QCMgrTest, GoesOnWithNullParametersWhereThereIsNoMemory) {
     {
         support::failAllocation(1);
         const QCMgr element(*description, buildFrame, 4);
-        EXPECT_EQ(log.text(), logLineOf("Err", "QCMgr.cpp", "copyOf", "malloc fallita!!\n"));
+        EXPECT_EQ(log.text(), logLineOf("Err", "QCMgr.cpp", "QCMgr", "malloc fallita!!\n"));
         EXPECT_EQ(element.QC.pParam, nullptr);
         EXPECT_EQ(element.QC.ParamLen, 2);
         EXPECT_NE(element.pckQuery, nullptr);
@@ -163,7 +163,7 @@ TEST_F(QCMgrTest, TakesALengthWithoutBytesAsNoParameters) {
     description.ParamLen = 4;
     const QCMgr element(description, buildFrame, 4);
     EXPECT_EQ(element.QC.pParam, nullptr);
-    EXPECT_EQ(log.text(), logLineOf("Err", "QCMgr.cpp", "copyOf", "nessun byte da copiare, attesi:4\n"));
+    EXPECT_EQ(log.text(), logLineOf("Err", "QCMgr.cpp", "QCMgr", "nessun byte da copiare, attesi:4\n"));
     log.clear();
     const QCMgr copy(element);
     EXPECT_EQ(copy.QC.pParam, nullptr);

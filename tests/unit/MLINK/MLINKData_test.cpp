@@ -120,6 +120,7 @@ TEST_F(Data, OfNoSlotAreDropped) {
             store(frame(row.src, 0x20, command.first, nibbles(command.second, 3)), row.box);
             EXPECT_EQ(log.errors(), 1u) << command.first << row.box << " " << row.src;
             EXPECT_TRUE(log.contains("Risposta " + command.first + " scartata"));
+            EXPECT_EQ(log.entries().front().function, "MLINK_ManageData");
         }
     }
     EXPECT_EQ(tree(), before);
