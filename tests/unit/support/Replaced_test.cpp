@@ -1,5 +1,6 @@
 #include "support/Replaced.h"
 
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -55,6 +56,16 @@ TEST(Replaced, KillAndWaitpidPassThroughUntilTold) {
     EXPECT_EQ(waitpid(1234, &status, 0), 1234);
     EXPECT_EQ(status, 42);
     EXPECT_EQ(std::get<1>(replaced::kill().call(0)), 0);
+}
+
+// Signal 0, so that it would harm nobody.
+TEST(Replaced, KillNeverReachesMoreThanOneProcess) {
+    for (const pid_t pid : {-1, 0, -4242, 1}) {
+        int ret = 0;
+        EXPECT_NONFATAL_FAILURE(ret = kill(pid, 0), "kill(");
+        EXPECT_EQ(ret, -1) << pid;
+        EXPECT_EQ(errno, EPERM) << pid;
+    }
 }
 
 TEST(Replaced, SharedMemoryPassesThroughUntilTold) {
