@@ -318,13 +318,14 @@ void CABPMgr::GetNominal(uint8 boxCh, nominal_t* pNom) {
 }
 
 void CABPMgr::GetSysStatus(descSys_t& dataSys) {
+    // Looked at under the lock: the tree may go while this waits for it.
+    const myMutexLocker locker(mutexCABPData);
     const virtualNode_t* const root = sys;
     if (root == nullptr) {
         DBG_E("SISTEMA NON INIZIALIZZATO!!\n");
         InitSysStatus(dataSys);
         return;
     }
-    const myMutexLocker locker(mutexCABPData);
     const time32_t now = NOW();
     const descSys_t& status = root->desc.sys;
     if (ageOf(now, status.Ups.timestamp) > SYS_EXPIRE_S && ageOf(now, status.Batteries.timestamp) > SYS_EXPIRE_S) {

@@ -1,7 +1,9 @@
 // Guarded copies of what the plant knows of its cabinets and of itself, and the queries for what it doesn't know.
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <cstring>
+#include <thread>
 
 #include "CABP/ThreadCABP.h"
 #include "support/LogCapture.h"
@@ -200,6 +202,23 @@ TEST_F(Copies, SystemStatusOfATreeThatIsToGoIsNotCopied) {
     plant.registerAll();
     mgr.DeRegisterBoxNode(plant.cfg());
     EXPECT_EQ(plant.in().sys.load(), nullptr);
+}
+
+// The tree goes as soon as the cabinets are deregistered: who waited for the lock meanwhile must not look at it.
+TEST_F(Copies, SystemStatusOfATreeThatGoesMeanwhileIsNotCopied) {
+    plant.registerAll();
+    descSys_t copy = filled<descSys_t>(0x33);
+    LogCapture log;
+    mgr.lockCABPData();
+    std::thread reader([&] { mgr.GetSysStatus(copy); });
+    poll(nullptr, 0, 30);  // real ms
+    plant.in().sys = nullptr;
+    mgr.unlockCABPData();
+    reader.join();
+    EXPECT_EQ(log.messages(), "SISTEMA NON INIZIALIZZATO!!\n");
+    descSys_t initial;
+    InitSysStatus(initial);
+    EXPECT_EQ(image(copy), image(initial));
 }
 
 }  // namespace
