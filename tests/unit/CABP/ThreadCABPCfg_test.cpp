@@ -266,6 +266,7 @@ TEST_F(Push, SilentCabinetIsTriedTwice) {
     EXPECT_TRUE(log.has("Err", "Errore nell'invio del comando SC a:B"));
     EXPECT_EQ(VirtualClock::countWaits("QThread::msleep"), 2u);
     EXPECT_EQ(VirtualClock::sumWaits("QThread::msleep"), 40000);
+    EXPECT_TRUE(mgr.getLastErr().startsWith("LastErr:\\02 0xea 0xeb SC... @")) << mgr.getLastErr().toStdString();
 }
 
 TEST_F(Push, SecondAttemptMaySucceed) {
@@ -351,6 +352,7 @@ TEST_F(BatteryTest, BoardThatDoesNotAnswerIsNotToldAgain) {
     EXPECT_EQ(sent().size(), 2u);
     EXPECT_TRUE(log.has("Err", "Errore nell'invio del comando TB alla MU A"));
     EXPECT_FALSE(log.contains("alla MU C"));
+    EXPECT_TRUE(mgr.getLastErr().startsWith("LastErr:\\02 0xea 0x a TB... @")) << mgr.getLastErr().toStdString();
     mgr.monitorUnitTB();
     EXPECT_EQ(sent().size(), 2u);
 }

@@ -376,6 +376,44 @@ TEST_F(Registration, ErrorsOfAnMcuAreCountedForItsCabinet) {
     EXPECT_EQ(count, 6);
 }
 
+TEST_F(Registration, ErrorsOfAnAsyncQueryAreCountedForItsCabinetToo) {
+    for (int id = 0; id < MAXUPSBOX; ++id) {
+        mgr.AddAsyncQC(bus::query(static_cast<uint8>(0xEA + id), "BI"));
+    }
+    mgr.AddAsyncQC(bus::query(0x0B, "GI"));
+    mgr.AddAsyncQC(bus::query(0xFF, "CU"));
+    int count = 0;
+    for (const QCMgr* const elem : plant.in().AsyncQC) {
+        const bool mcu = count < MAXUPSBOX;
+        EXPECT_EQ(elem->pCommStatus, mcu ? &box(count).MCUcommStatus : nullptr) << text(*elem);
+        ++count;
+    }
+    EXPECT_EQ(count, 6);
+}
+
+// The place in the ring that a BREAK leaves is taken from the query's source.
+TEST(RegistrationOnAnyCard, QueriesHaveTheOwnAddressAsTheirSource) {
+    for (const int own : {0xEA, 0xEB, 0xED, 0xE0}) {
+        Plant plant(static_cast<uint8>(own));
+        plant.registerAll();
+        const LogCapture quiet;
+        identification_t identification;
+        nominal_t nominal;
+        plant.bus().GetIdentification('C', &identification);
+        plant.bus().GetNominal('C', &nominal);
+        plant.bus().sysMCUUnlock();
+        EXPECT_EQ(plant.in().FixQuery.size(), 8u);
+        for (const auto& each : plant.in().FixQuery) {
+            EXPECT_EQ(each.second->QC.Src, own) << text(*each.second);
+            EXPECT_EQ(each.second->QC.ParamLen, 0) << text(*each.second);
+        }
+        EXPECT_GE(plant.in().AsyncQC.size(), 5);
+        for (const QCMgr* const each : plant.in().AsyncQC) {
+            EXPECT_EQ(each->QC.Src, own) << text(*each);
+        }
+    }
+}
+
 TEST_F(Registration, QueryIsBuiltWithItsReply) {
     LogCapture log;
     Bytes param = {1, 2, 3};

@@ -437,7 +437,9 @@ TEST_F(Scans, CabinetThatHasSentNothingIsAnAnomaly) {
     settle();
     speaking = "ABC";
     box('D').Ups.timestamp = 0;
+    box('D').MCUMUStatus.commErrorMCU = 1;
     pass();
+    EXPECT_EQ(box('D').MCUMUStatus.commErrorMCU, 0) << "it answers";
     EXPECT_EQ(sys().alarm.Anomaly, 1);
     EXPECT_EQ(sys().PMStatus.commError, 1);
     EXPECT_EQ(sys().Va[0], 3000 + 3001 + 3002);

@@ -1,8 +1,11 @@
 // The CN frame: the hand-over of the master role, the builds, the orders that it carries, and hostile ones.
 #include <gtest/gtest.h>
+#include <poll.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "support/LogCapture.h"
 #include "support/Plant.h"
@@ -241,6 +244,21 @@ INSTANTIATE_TEST_SUITE_P(Each, BypassOrder,
                                          BypassCase{1, -1, 1}, BypassCase{2, 1, 1}, BypassCase{2, -1, -1},
                                          BypassCase{3, 0, 0}, BypassCase{3, 1, 1}, BypassCase{0xFC, 1, 0},
                                          BypassCase{0xFD, 0, 1}, BypassCase{0xFF, 1, 1}));
+
+TEST_F(HandOver, BypassOrderIsStoredUnderItsLock) {
+    std::atomic<bool> done{false};
+    plant.in().mutexForcedonBypass->lock();
+    std::thread other([&] {
+        receive(cn(OWN_BUILD, 0xEC, 1));
+        done = true;
+    });
+    poll(nullptr, 0, 30);  // real ms
+    EXPECT_FALSE(done);
+    EXPECT_EQ(plant.in().forcedOnBypass, -1);
+    plant.in().mutexForcedonBypass->unlock();
+    other.join();
+    EXPECT_EQ(plant.in().forcedOnBypass, 1);
+}
 
 // ---------------------------------------------------------------------------------------------------------------
 // Senders

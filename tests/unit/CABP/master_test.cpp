@@ -1,10 +1,13 @@
 // A pass of the master, with the transactions and the steps of other units replaced: what it does in which order, and
 // what becomes of each result.
 #include <gtest/gtest.h>
+#include <poll.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -430,6 +433,26 @@ TEST_F(MasterPass, RoundsAreNotCountedBeforeTheModuleLinkHasFinishedOne) {
     EXPECT_EQ(plant.bus().iteration, 0);
 }
 
+TEST_F(MasterPass, RoundsAreCountedFromTheFirstOneOfTheModuleLinkOn) {
+    registerFix("BN");
+    const auto round = [this] {
+        pass();
+        pass();
+        return plant.bus().iteration.load();
+    };
+    for (const int32 rounds : {-1, 0}) {
+        plant.inLink().iteration = rounds;
+        EXPECT_EQ(round(), 0) << rounds;
+    }
+    plant.inLink().iteration = 1;
+    EXPECT_EQ(round(), 1);
+    plant.inLink().iteration = 0;
+    EXPECT_EQ(round(), 2) << "once begun, by its own rounds alone";
+    plant.bus().iteration = 0;
+    plant.inLink().iteration = 1000;
+    EXPECT_EQ(round(), 1) << "its own first one, however many the module link has had";
+}
+
 TEST_F(MasterPass, RoundsAreCountedUpToAThousand) {
     registerFix("BN");
     plant.bus().iteration = 1;
@@ -492,6 +515,25 @@ TEST_P(OperatorRequest, IsFoldedByItsSign) {
     pass();
     EXPECT_EQ(plant.in().forcedOnBypass, c.after);
     EXPECT_EQ(plant.in().guiForcedOnBypass, 0);
+}
+
+TEST_F(MasterPass, OperatorRequestsAreFoldedUnderTheirLock) {
+    registerFix("BN");
+    plant.in().guiForcedOnBypass = 1;
+    std::atomic<bool> done{false};
+    plant.in().mutexForcedonBypass->lock();
+    std::thread other([&] {
+        plant.bus().MasterAction();
+        done = true;
+    });
+    poll(nullptr, 0, 30);  // real ms
+    EXPECT_FALSE(done);
+    EXPECT_EQ(plant.in().forcedOnBypass, -1);
+    plant.in().mutexForcedonBypass->unlock();
+    other.join();
+    EXPECT_EQ(plant.in().forcedOnBypass, 1);
+    EXPECT_TRUE(plant.in().mutexForcedonBypass->tryLock()) << "released again";
+    plant.in().mutexForcedonBypass->unlock();
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, OperatorRequest,

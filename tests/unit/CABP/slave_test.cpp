@@ -228,6 +228,13 @@ TEST_F(SlavePass, OverheardReplyIsStoredAndThenAggregated) {
     EXPECT_FALSE(plant.in().unknownDevPresent);
 }
 
+TEST_F(SlavePass, OverheardStateIsDatedByThisCard) {
+    hear(bus::frame(0xEC, 0xFF, "BS", Bytes(268, 0x11)));
+    EXPECT_EQ(plant.box('C').desc.upsBox.timestamp, NOW());
+    EXPECT_EQ(plant.box('C').desc.upsBox.Ups.timestamp, NOW());
+    EXPECT_EQ(plant.box('C').desc.upsBox.Batteries.timestamp, 0x11111111) << "the sender's";
+}
+
 TEST_F(SlavePass, BoardThatIsNotRegisteredIsToldAndRememberedButNotStored) {
     Bytes before(reinterpret_cast<const uint8*>(&plant.root()),
                  reinterpret_cast<const uint8*>(&plant.root()) + plant.shm().only().size);
