@@ -19,6 +19,8 @@ BUS = ["BN", "BS", "BI", "BE", "CN", "CH", "CU", "GI", "GS", "GE", "OR", "OS", "
        "\x151"]
 MODULE = ["CB", "CD", "CF", "CM", "CP", "CR", "CS", "CU", "DC", "DE", "DS", "GE", "GI", "GM", "GN", "RB", "RC", "RE",
           "RK", "RS", "RX", "SM", "ST", "SV", "TB", "TC", "XA", "\x155"]
+USUAL = {b"DE": 58, b"DS": 58, b"GE": 16, b"GI": 56, b"GM": 4, b"GN": 22, b"RB": 109, b"RC": 44, b"RE": 58, b"RK": 58,
+         b"RS": 58, b"RX": 169, b"SV": 4}
 OWN_COMMAND, LONG = 0x01, 0x02
 PER_SEED = 8   # frames
 LARGEST = 2000  # bytes of a seed
@@ -98,20 +100,20 @@ def unique(items):
 class Seeds:
     def __init__(self):
         self.all = {}
+        self.always = {}
 
-    def add(self, target, *parts):
+    def add(self, target, *parts, always=False):
         data = b"".join(parts)[:LARGEST]
-        self.all.setdefault(target, []).append(data)
+        (self.always if always else self.all).setdefault(target, []).append(data)
 
     def write(self):
         for target, seeds in self.all.items():
             folder = HERE / "seeds" / target
             shutil.rmtree(folder, ignore_errors=True)
             folder.mkdir(parents=True)
-            # The shortest ones and every few of the others.
             kept = unique(seeds)
             step = max(1, len(kept) // KEPT)
-            for number, seed in enumerate(kept[::step][:KEPT]):
+            for number, seed in enumerate(kept[::step][:KEPT] + self.always.get(target, [])):
                 (folder / ("%02d" % number)).write_bytes(seed)
 
 
@@ -136,6 +138,15 @@ def main():
                 seeds.add("bus_reply", b"\5", frame[1:2], bytes([shape]), command,
                           bytes([0, 0x31, 0x42, 14, 0]) if command[0] == BUS.index("QT") and not shape else b"\0",
                           bus(frame))
+    # Behind a run that leaves no room at the end of the receiver's memory, and behind one that takes longer than it hunts.
+    slow = b"\x0d\0\xf1\xff\x55" * 3
+    for group in chunks(plant_frames())[:2]:
+        seeds.add("bus_receiver", b"\0\1\7\x0d\0\0\xfe\x55\1\0\7UUUUUUU", *(b"\0\0" + bus(f) for f in group), always=True)
+        seeds.add("bus_receiver", b"\0\1\7", slow, b"\0\1" + bus(group[0]), always=True)
+        shape, command = command_of(BUS, group[0])
+        seeds.add("bus_receiver", b"\1", group[0][1:2], bytes([shape]), command, b"\0\4", slow, b"\0\1" + bus(group[0]),
+                  always=True)
+
     seeds.add("bus_reply", *(b"\x0c" + f[7:-3] for f in plant_frames()[:8]))
     seeds.add("bus_reply", b"\0\0\0\0" * 3)
 
@@ -143,10 +154,15 @@ def main():
         shape, command = command_of(MODULE, frame)
         asked = bytes([shape]) + command + b"\0"
         seeds.add("module_receiver", asked, b"\0\2", frame[7:-5])
+        seeds.add("module_receiver", asked, b"\4\2", frame[7:-5], b"\5\x31")
         seeds.add("module_receiver", asked, b"\3\2", bytes([len(frame)]), frame)
         seeds.add("module_receiver", asked, b"\2\2", module(frame))
+    # For longer than a start byte is hunted for.
+    seeds.add("module_receiver", b"\0\0\0", b"\3\6\1U" * 46, b"\0\2", always=True)
     for group in chunks(module_frames):
         seeds.add("module_reply", *(b"\2\0" + module(f) + b"\1" for f in group), b"\1\5")
+        seeds.add("module_reply", *(b"\6\0" + f[1:2] + command_of(MODULE, f)[1] + f[2:3] + f[7:-5] for f in group
+                                    if len(f) - 12 == USUAL.get(f[3:5], 0)), b"\1\5")
         seeds.add("module_reply", *(b"\4" + module(f) for f in group), b"\1\5")
         seeds.add("module_reply", *(b"\x08" + f[7:-5] for f in group), b"\1\0", b"\1\xff")
         seeds.add("tunnel", *(b"\0" + module(f) for f in group), b"\7")
@@ -184,6 +200,13 @@ def main():
         seeds.add("segment", b"\0\2\6" + bytes([value]) + b"\1\0\2\0", b"\5\1\4\1")
     seeds.add("segment", b"\0\3\2\4\x10\0\xff\x20\0\xff\x30\0\xff\x40\0\xff", b"\7\xff")
     seeds.add("segment", b"\0\0\x40" + bytes(range(64)) + b"\x20\2", b"\7\xff\4\0\5\0")
+    # Brothers in a circle; sons that are nobody's; texts that run on into what lies behind them.
+    for place, nodes in ((50, range(2, 6)), (50, range(6, 10)), (52, range(0, 6))):
+        for link in (2, 6):
+            seeds.add("segment", *(b"\0\1" + bytes([node, place, link]) for node in nodes), b"\6\3\7\0\4\1\5\1", always=True)
+    for node in (0, 2, 6):
+        at = node * records.Node.SIZE + records.Node.offset("identification.SN")
+        seeds.add("segment", b"\0\0\x2f" + b"A" * 47, bytes([at % 256, at // 256]), b"\4\1\7\1\7\6\7\3\5\1\4\1", always=True)
     seeds.write()
 
 

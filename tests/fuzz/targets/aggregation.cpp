@@ -129,11 +129,11 @@ void prepare() {
         cabinets->plant.comm(letter).isGood = true;
     }
     card = new Card(cabinets->plant, true);
-    catchDocuments();
 }
 
 void run(const std::uint8_t* data, std::size_t size) {
     card->reset(LIMIT_S);
+    catchDocuments();
     // The anomalies live as long as the process: a pass over well cabinets ends them.
     cabinets->plant.bus().AggregateBox();
     Input in(data, size);

@@ -1,7 +1,7 @@
 // The two receivers of the bus, on a stream of bytes with times.
 //
 // Input: which receiver, the size of its buffer, the query that a reply is waited for, and then pieces of the stream,
-// each with the pause before it: raw bytes, frames, or a BREAK.
+// each with the pause before it: raw bytes, frames, runs of one byte, or a BREAK.
 #include <algorithm>
 #include <memory>
 
@@ -20,6 +20,7 @@ using support::VirtualClock;
 
 constexpr std::int64_t MS = 1000;
 constexpr const char* DEVICE = "/dev/ttyBUS";
+constexpr std::int64_t BYTE = 10 * 1000 * MS / 9600;
 constexpr int OPENINGS = 24;  // of frames and raw pieces, so that an input ends
 
 FakeLine* line = nullptr;
@@ -28,6 +29,26 @@ FakeLine* line = nullptr;
 std::int64_t pauseOf(std::uint8_t code) {
     constexpr std::int64_t steps[] = {0, 1, 10, 100, 1000, 3000, 10000, 60000};
     return steps[code % 8] * MS * (1 + code / 8 % 4);
+}
+
+struct Piece {
+    Bytes bytes;
+    std::int64_t between;  // us from one to the next, beside their time on the line
+};
+
+// One byte over and over: so often that what a hunt remembers goes round, or so slowly that its whole time is used up.
+Piece runOf(Input& in) {
+    const std::uint8_t how = in.u8();
+    const std::size_t count = in.u8();
+    const std::uint8_t value = in.u8();
+    return how % 2 == 0 ? Piece{Bytes(count * 8, value), 0} : Piece{Bytes(count, value), how / 2 * 10 * MS};
+}
+
+Piece pieceOf(Input& in, std::uint8_t kind) {
+    if (kind % 16 == 13) {
+        return runOf(in);
+    }
+    return {kind % 2 == 0 ? busFrame(in) : in.bytes(in.u8()), 0};
 }
 
 // Feeds the whole stream ahead; returns it.
@@ -41,10 +62,17 @@ Bytes feed(Input& in) {
             VirtualClock::at(at, [] { line->receiveBreak(); });
             continue;
         }
-        const Bytes bytes = kind % 2 == 0 ? busFrame(in) : in.bytes(in.u8());
-        line->feedAt(at, bytes);
+        const auto [bytes, between] = pieceOf(in, kind);
         all.insert(all.end(), bytes.begin(), bytes.end());
-        at += static_cast<std::int64_t>(bytes.size()) * 10 * 1000 * MS / 9600;
+        if (between == 0) {
+            line->feedAt(at, bytes);
+        }
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            if (between != 0) {
+                line->feedAt(at, {bytes[i]});
+            }
+            at += BYTE + between;
+        }
     }
     return all;
 }

@@ -1,8 +1,8 @@
 // One exchange on the module line, its reply a stream of bytes with times.
 //
 // Input: the query, and then pieces of the stream, each with the pause before it: raw bytes, frames in the module's
-// name, or frames of any kind.
-#include <memory>
+// name, those but for a byte, or frames of any kind.
+#include <algorithm>
 
 #include "MLINK/MLINKInternal.h"
 #include "fuzz/Frames.h"
@@ -18,8 +18,10 @@ using support::VirtualClock;
 
 constexpr std::int64_t MS = 1000;
 constexpr const char* DEVICE = "/dev/ttyMOD";
-constexpr int PIECES = 24;
-constexpr std::int64_t LONGEST = 30000 * MS;  // hunt, head and data, each with its own limit
+constexpr int PIECES = 48;
+constexpr std::int64_t HUNT = 11000 * MS;    // for a start byte, with the last wait
+constexpr std::int64_t SILENCE = 5000 * MS;  // before each byte behind it
+constexpr std::int64_t LIMIT = 2000000 * MS;
 
 FakeLine* line = nullptr;
 
@@ -28,8 +30,10 @@ std::int64_t pauseOf(std::uint8_t code) {
     return steps[code % 8] * MS * (1 + code / 8 % 4);
 }
 
-void feed(Input& in, const pckStruct& asked, const Command& command) {
+// Feeds the whole stream ahead; returns when its first start byte comes, at the earliest.
+std::int64_t feed(Input& in, const pckStruct& asked, const Command& command) {
     std::int64_t at = VirtualClock::now() + 1;
+    std::int64_t start = INT64_MAX;
     for (int piece = 0; piece < PIECES && !in.empty(); ++piece) {
         const std::uint8_t kind = in.u8();
         at += pauseOf(in.u8());
@@ -37,9 +41,13 @@ void feed(Input& in, const pckStruct& asked, const Command& command) {
         switch (kind % 4) {
             case 0:
                 bytes = moduleFrame(asked.Dest, asked.Src, command, in.filled(usualModuleLength(command)));
+                if (kind / 4 % 2 != 0) {  // but for one byte
+                    const std::size_t place = in.u8() % bytes.size();
+                    bytes[place] = in.u8();
+                }
                 break;
             case 1:
-                bytes = moduleFrame(in, asked.Dest, asked.Src, command);
+                bytes = moduleFrame(in, asked.Dest, asked.Src, kind / 4 % 2 == 0 ? command : "");
                 break;
             case 2:
                 bytes = moduleFrame(in);
@@ -48,9 +56,13 @@ void feed(Input& in, const pckStruct& asked, const Command& command) {
                 bytes = in.bytes(in.u8());
                 break;
         }
+        if (start == INT64_MAX && std::find(bytes.begin(), bytes.end(), 0x02) != bytes.end()) {
+            start = at;
+        }
         line->feedAt(at, bytes);
         at += static_cast<std::int64_t>(bytes.size()) * 10 * 1000 * MS / 9600;
     }
+    return start;
 }
 
 }  // namespace
@@ -64,7 +76,7 @@ void prepare() {
 
 void run(const std::uint8_t* data, std::size_t size) {
     VirtualClock::reset();
-    VirtualClock::setLimit(LONGEST + 10000 * MS);
+    VirtualClock::setLimit(LIMIT);
     support::Transcript::clear();
     line->forget();
     MLINK_Init();
@@ -83,16 +95,18 @@ void run(const std::uint8_t* data, std::size_t size) {
     asked.ParamLen = static_cast<uint16>(param.size());
     QCMgr query(asked, MLINK_BuildQuery, MLINK_GetReplyDataLen(asked));
     bool isFed = false;
+    std::int64_t start = INT64_MAX;
     line->onWrite([&](const Bytes& sent) {
         FUZZ_REQUIRE(isModuleFrame(sent), "sent what is no frame");
         if (!isFed) {
             isFed = true;
-            feed(in, asked, command);
+            start = feed(in, asked, command);
         }
     });
     const int ret = MLINK_ManageQuery(query);
     line->onWrite(nullptr);
-    FUZZ_REQUIRE(VirtualClock::now() <= LONGEST, "the exchange took " + std::to_string(VirtualClock::now()) + " us");
+    const std::int64_t longest = start > HUNT ? HUNT : HUNT + query.expectedReplyLen * SILENCE;
+    FUZZ_REQUIRE(VirtualClock::now() <= longest, "the exchange took " + std::to_string(VirtualClock::now()) + " us");
     FUZZ_REQUIRE(ret == SUCC || ret == FAIL, "result " + std::to_string(ret));
     if (ret == SUCC) {
         FUZZ_REQUIRE(errnoMLink == 0, "well, but with an error");

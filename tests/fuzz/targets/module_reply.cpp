@@ -28,9 +28,16 @@ void requireEndedTexts() {
     }
 }
 
-void decode(Input& in) {
+// In its usual size, which some decoders want.
+Bytes usualFrame(Input& in) {
+    const std::uint8_t src = in.u8();
+    const Command command = moduleCommand(in, 0);
+    return moduleFrame(src, in.u8(), command, in.filled(usualModuleLength(command)));
+}
+
+void decode(Input& in, std::uint8_t kind) {
     const std::uint8_t box = in.u8();
-    Bytes frame = moduleFrame(in);
+    Bytes frame = kind / 4 % 2 == 0 ? moduleFrame(in) : usualFrame(in);
     if (!isModuleFrame(frame)) {
         return;  // never gets so far
     }
@@ -115,7 +122,7 @@ void run(const std::uint8_t* data, std::size_t size) {
                 fold(in);
                 break;
             default:
-                decode(in);
+                decode(in, kind);
                 break;
         }
         requireEndedTexts();
