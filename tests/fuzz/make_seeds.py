@@ -7,7 +7,6 @@ virtual plant, each as its target's input describes it.
 
 import pathlib
 import re
-import shutil
 
 from sim import records
 
@@ -109,8 +108,9 @@ class Seeds:
     def write(self):
         for target, seeds in self.all.items():
             folder = HERE / "seeds" / target
-            shutil.rmtree(folder, ignore_errors=True)
-            folder.mkdir(parents=True)
+            folder.mkdir(parents=True, exist_ok=True)
+            for old in folder.glob("[0-9][0-9]"):  # the others were learnt
+                old.unlink()
             kept = unique(seeds)
             step = max(1, len(kept) // KEPT)
             for number, seed in enumerate(kept[::step][:KEPT] + self.always.get(target, [])):
@@ -138,10 +138,11 @@ def main():
                 seeds.add("bus_reply", b"\5", frame[1:2], bytes([shape]), command,
                           bytes([0, 0x31, 0x42, 14, 0]) if command[0] == BUS.index("QT") and not shape else b"\0",
                           bus(frame))
-    # Behind a run that leaves no room at the end of the receiver's memory, and behind one that takes longer than it hunts.
+    # Behind a run that leaves no room at the end of the receiver's memory; behind one that takes longer than it hunts.
     slow = b"\x0d\0\xf1\xff\x55" * 3
     for group in chunks(plant_frames())[:2]:
-        seeds.add("bus_receiver", b"\0\1\7\x0d\0\0\xfe\x55\1\0\7UUUUUUU", *(b"\0\0" + bus(f) for f in group), always=True)
+        seeds.add("bus_receiver", b"\0\1\7\x0d\0\0\xfe\x55\1\0\7UUUUUUU", *(b"\0\0" + bus(f) for f in group),
+                  always=True)
         seeds.add("bus_receiver", b"\0\1\7", slow, b"\0\1" + bus(group[0]), always=True)
         shape, command = command_of(BUS, group[0])
         seeds.add("bus_receiver", b"\1", group[0][1:2], bytes([shape]), command, b"\0\4", slow, b"\0\1" + bus(group[0]),
@@ -176,6 +177,10 @@ def main():
             seeds.add("tunnel", b"\6", bytes([shape, 0]), command, b"\0", b"\1\2\3\x65",
                       described(MODULE, frame, frame[7:-5], addresses=False))
 
+    # On battery and low, off battery, locked; each folded.
+    rs = b"\6\0" + b"1" + bytes([MODULE.index("RS")]) + b"A"
+    seeds.add("module_reply", *(rs + state + b"0" * 57 + b"\1\5" for state in (b";", b"8", b"<")), always=True)
+
     cabinet = records.CabinetStatus()
     cabinet.Ups.Vin = [230, 231, 229]
     for bit in ("Ups.status.Output_Powered", "Ups.status.Line_Present", "Ups.status.SWOUT", "Ups.extStatus.UPS_OK"):
@@ -203,10 +208,12 @@ def main():
     # Brothers in a circle; sons that are nobody's; texts that run on into what lies behind them.
     for place, nodes in ((50, range(2, 6)), (50, range(6, 10)), (52, range(0, 6))):
         for link in (2, 6):
-            seeds.add("segment", *(b"\0\1" + bytes([node, place, link]) for node in nodes), b"\6\3\7\0\4\1\5\1", always=True)
+            seeds.add("segment", *(b"\0\1" + bytes([node, place, link]) for node in nodes), b"\6\3\7\0\4\1\5\1",
+                      always=True)
     for node in (0, 2, 6):
         at = node * records.Node.SIZE + records.Node.offset("identification.SN")
-        seeds.add("segment", b"\0\0\x2f" + b"A" * 47, bytes([at % 256, at // 256]), b"\4\1\7\1\7\6\7\3\5\1\4\1", always=True)
+        seeds.add("segment", b"\0\0\x2f" + b"A" * 47, bytes([at % 256, at // 256]), b"\4\1\7\1\7\6\7\3\5\1\4\1",
+                  always=True)
     seeds.write()
 
 
