@@ -115,6 +115,13 @@ def test_states_worst_first(plant):
     assert ugwctl.run("states", "SA.BA").returncode == NO_NODE
 
 
+def test_states_that_never_came_are_no_sign_of_health(plant):
+    _, _, ugwctl, _ = plant
+    done = ugwctl.run("states", "BB.M1")
+    assert (done.returncode, done.stdout) == (0, "")
+    assert done.stderr == "ugwctl: warning: the states of SA.BB.M1 have never come to this card\n"
+
+
 def test_metrics(plant):
     card, unit, ugwctl, others = plant
     found = samples(ugwctl.read("metrics"))

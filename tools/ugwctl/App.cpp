@@ -57,6 +57,10 @@ void states(const Options& options) {
     if (node.nodetype != moduleNode) {
         throw Failure(ExitStatus::NoNode, idOf(node) + " isn't a module");
     }
+    // No bit set must not look like all well: a card polls the module of its own cabinet alone.
+    if (node.desc.module.statusDetail.timestamp == 0) {
+        std::fprintf(stderr, "ugwctl: warning: the states of %s have never come to this card\n", idOf(node).c_str());
+    }
     print(statesText(node, outputPaint()));
 }
 
