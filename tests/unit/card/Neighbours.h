@@ -17,6 +17,8 @@ class Cabinets {
     explicit Cabinets(support::FakeLine& line) : line_(line) {
         line.onWrite([this](const Bytes& bytes) { take(bytes); });
     }
+    std::map<std::string, Bytes> answers;  ///< data to answer with, by command
+    std::map<std::string, int> tunnelled;  ///< how often which command of a module came
 
   private:
     void take(const Bytes& asked) {
@@ -28,10 +30,13 @@ class Cabinets {
         Bytes data;
         if (std::string(command) == "QT") {
             const std::string inner(params.begin() + 3, params.begin() + 5);
+            ++tunnelled[inner];
             const Bytes answer =
                 modline::frame(params[2], params[1], inner, Bytes(modline::Module::lengthOf(inner), '0'));
             data = {1, 0, 0, 0};  // the stamp
             data.insert(data.end(), answer.begin(), answer.end());
+        } else if (answers.count(command) > 0) {
+            data = answers[command];
         } else {
             data.resize(CABP_GetReplyDataLen(bus::query(asked[2], command, &params)));
         }
