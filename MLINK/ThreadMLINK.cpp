@@ -158,6 +158,10 @@ void MLINKMgr::masterPass() {
             default:
                 break;
         }
+    } else {
+        // A query that has no frame, for want of memory when it was made, fails like one that nobody answers.
+        advanceFixQC();
+        msleep(PAUSE_AFTER_FAILURE);
     }
     const int own = ownIndex();
     if (own >= 0 && pSysMgr->Cfg.Ups[own].present) {
