@@ -37,6 +37,8 @@ class FakeShm {
     std::map<int, Segment>& segments() { return segments_; }
     /// The only segment there is.
     Segment& only();
+    /// Id of the next segment; the system gives the first one of all 0.
+    void setNextId(int id) { nextId_ = id; }
 
   private:
     int add(key_t key, std::size_t size, int mode, std::uint8_t fill);

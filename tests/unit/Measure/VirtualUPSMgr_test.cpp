@@ -217,6 +217,17 @@ TEST_F(VirtualUPS, FailedAttachIsReportedAndSurvived) {
     EXPECT_NE(printed_.find("Errore nella costruzione dell'albero del sistema\n"), std::string::npos);
 }
 
+// As the first segment of an IPC namespace has it.
+TEST_F(VirtualUPS, SegmentZeroIsASegment) {
+    shm_.setNextId(0);
+    plant("A");
+    build();
+    EXPECT_EQ(mgr_->shm_id, 0);
+    ASSERT_NE(mgr_->virtualUPS, nullptr);
+    EXPECT_EQ(printed_.find("Errore"), std::string::npos) << printed_;
+    EXPECT_NE(mgr_->searchNode("SA.BA"), nullptr);
+}
+
 TEST_F(VirtualUPS, WithoutItsFileTheKeyIsMinusOne) {
     ASSERT_EQ(std::remove("./UGW"), 0);
     plant("A");
