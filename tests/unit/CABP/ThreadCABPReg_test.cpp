@@ -453,6 +453,19 @@ TEST_F(Registration, QueriesToBadAddressesAreRefused) {
     EXPECT_EQ(fixedQueries(plant) + asyncQueries(plant), "");
 }
 
+TEST_F(Registration, QueriesToAllNodesComeAndGo) {
+    Bytes one = {1};
+    Bytes two = {2};
+    EXPECT_EQ(mgr.RegisterElem(bus::query(0xFF, "CU")), 0);
+    EXPECT_EQ(mgr.AddAsyncQC(bus::query(0xFF, "TB", &one)), 0);
+    EXPECT_EQ(fixedQueries(plant) + " " + asyncQueries(plant), "CU>FF TB>FF");
+    const LogCapture log;
+    EXPECT_EQ(mgr.DeRegisterElem(bus::query(0xFF, "CU")), 0);
+    EXPECT_EQ(mgr.RemoveAsyncQC(bus::query(0xFF, "TB", &two)), 0);
+    EXPECT_EQ(fixedQueries(plant) + asyncQueries(plant), "");
+    EXPECT_EQ(log.errors(), 0u);
+}
+
 TEST_F(Registration, FixedQueryIsRemovedOnce) {
     mgr.RegisterElem(bus::query(0xEB, "BS"));
     mgr.RegisterElem(bus::query(0xEB, "BN"));
