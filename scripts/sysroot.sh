@@ -21,7 +21,7 @@ whole=(libc6-dev libstdc++-12-dev libqt6core6 libqt5core5a libncurses-dev libgte
 alone=(qt6-base-dev qmake6 qtbase5-dev qt5-qmake)
 
 target=$root/build-sysroot/$arch
-stamp="$foreign_mirror $foreign_suite ${whole[*]} / ${alone[*]}"
+stamp="$foreign_mirror $foreign_suite ${whole[*]} / ${alone[*]} / relative links"
 
 # One at a time: two builds may ask for the same one.
 mkdir -p "$root/build-sysroot"
@@ -46,6 +46,11 @@ apt-get -c "$work/apt.conf" -qq -y install --download-only "${whole[@]}" >/dev/n
 apt-get -c "$work/apt.conf" -qq download "${alone[@]}"
 for package in *.deb; do
     dpkg-deb -x "$package" "$work/root"
+done
+
+# Links with an absolute path would lead out of the sysroot: where a library's does, its static form is linked instead.
+find "$work/root" -type l -lname '/*' | while read -r link; do
+    ln -srfn "$work/root$(readlink "$link")" "$link"
 done
 
 # The programs of Qt 5 that a build runs are this host's: its CMake files look for them beside the libraries.
