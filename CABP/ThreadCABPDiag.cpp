@@ -1,5 +1,6 @@
 // What the rest of the program reads of the bus thread and sets in it.
 #include <cstring>
+#include <utility>
 
 #include "CABP/ThreadCABP.h"
 
@@ -35,15 +36,15 @@ QString timeOfDay() {
 }  // namespace
 
 void CABPMgr::saveCurrPck(QCMgr* e) {
-    const QString text = describe("currPck:", e->QC);
+    QString text = describe("currPck:", e->QC);
     const QMutexLocker locker(&mutexDiag);
-    currPckStr = text;
+    currPckStr = std::move(text);
 }
 
 void CABPMgr::saveLastErr(QCMgr* e) {
-    const QString text = describe("LastErr:", e->QC) + " @" + timeOfDay();
+    QString text = describe("LastErr:", e->QC) + " @" + timeOfDay();
     const QMutexLocker locker(&mutexDiag);
-    lastErrStr = text;
+    lastErrStr = std::move(text);
 }
 
 QString CABPMgr::getCurrPck() {

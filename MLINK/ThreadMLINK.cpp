@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 #include "CABP/CABPTypes.h"
 #include "Common/LogStep.h"
@@ -257,7 +258,7 @@ void MLINKMgr::saveCurrPck(QCMgr* e) {
     }
     text += QStringLiteral("...");
     QMutexLocker lock(&mutexDiag);
-    currPckStr = text;
+    currPckStr = std::move(text);
 }
 
 void MLINKMgr::saveLastErr(QCMgr* e) {
@@ -273,7 +274,7 @@ void MLINKMgr::saveLastErr(QCMgr* e) {
     }
     text += QStringLiteral("... @") + QString::fromLatin1(clock);
     QMutexLocker lock(&mutexDiag);
-    lastErrStr = text;
+    lastErrStr = std::move(text);
 }
 
 QString MLINKMgr::getCurrPck() {

@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <sstream>
 
@@ -17,6 +18,14 @@ namespace {
 
 volatile int capturedFile = -1;
 volatile int realStderr = -1;
+std::atomic<int> captures{0};
+
+// A report belongs to no captured text. Where captures are nested, only the outermost knows the real stderr.
+void sendReportsTo(int fd) {
+    if (__sanitizer_set_report_fd != nullptr) {
+        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
+    }
+}
 
 void handOn(int from, int to) {
     char buffer[4096];
@@ -67,8 +76,8 @@ LogCapture::LogCapture() : file_(memfd_create("log", MFD_CLOEXEC)), saved_(dup(S
     dup2(file_, STDERR_FILENO);
     capturedFile = file_;
     realStderr = saved_;
-    if (__sanitizer_set_report_fd != nullptr) {
-        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(saved_)));
+    if (captures++ == 0) {
+        sendReportsTo(saved_);
     }
     signal(SIGABRT, onAbort);
 }
@@ -76,8 +85,8 @@ LogCapture::LogCapture() : file_(memfd_create("log", MFD_CLOEXEC)), saved_(dup(S
 LogCapture::~LogCapture() {
     signal(SIGABRT, SIG_DFL);
     dup2(saved_, STDERR_FILENO);
-    if (__sanitizer_set_report_fd != nullptr) {
-        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(STDERR_FILENO)));
+    if (--captures == 0) {
+        sendReportsTo(STDERR_FILENO);
     }
     if (testing::Test::HasFailure()) {
         handOn(file_, STDERR_FILENO);
