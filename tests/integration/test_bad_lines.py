@@ -37,6 +37,25 @@ def test_noise_on_both_lines(plant, bus, percent, bound):
     vitals.check(bound, cpu=None)
 
 
+@pytest.mark.parametrize("percent", [1, 5, 20] if LONG_MINUTES else [5])
+def test_noise_on_the_bus_of_a_slave(bus, cabinets, gateway, module, percent):
+    """What it takes for the beginning of a frame may cost it the frames that are as long: it is the others' traffic that
+    lets it find its place again."""
+    others = cabinets("ACD")
+    card = gateway("B")
+    unit = module(card, thinking=0.03, keep=1000)
+    others["A"].start_polling("ABCD", timeout=0.2)
+    heard = {letter: others[letter] for letter in "CD"}
+    right_again(card, heard, unit, 30)
+    vitals = Vitals(card)
+    end = bus.add_filter(noise(percent, 3))
+    time.sleep(NOISE_SECONDS)
+    assert card.running
+    end()
+    right_again(card, heard, unit, 15)
+    vitals.check(5000, cpu=None)
+
+
 @pytest.mark.parametrize("who", ["cabinet", "module", "all"])
 def test_silent_and_back(plant, who):
     card, others, unit = plant

@@ -69,6 +69,36 @@ def test_a_segment_of_another_user_was_left(plant):
     assert [s.uid for s in card.sandbox.segments()] == [65534]
 
 
+def test_a_segment_that_it_may_not_write_was_left(plant, bus):
+    """A gateway without root's rights, and the segment of one that had them."""
+    card, others, unit = plant(start=False)
+    left = card.sandbox.create_segment(SIZE, fill=0xA5)
+    for path in (card.bus_port.path, card.module_port.path):
+        os.chmod(path, 0o666)
+    for path in (card.sandbox.directory, card.sandbox.home):
+        os.chmod(path, 0o777)
+    arguments = ["-c", "import os, sys; os.setgroups([]); os.setgid(65534); os.setuid(65534); "
+                       "os.execv(sys.argv[1], sys.argv[1:])", card.binary, *card.arguments]
+    if card.sandbox.spawn(["/usr/bin/python3", *arguments[:2], "/bin/test", "-x", card.binary]).wait(10):
+        pytest.skip("no right to become another user here, or none for that user to start the program")
+    binary = card.binary
+
+    def start():
+        card.binary = "/usr/bin/python3"
+        card.start(arguments)
+        card.binary = binary
+    start()
+    card.log.wait_message("Errore nella costruzione dell'albero del sistema")
+    bus.wait("B BS", timeout=10)
+    assert card.running and card.status() is None
+    assert card.sandbox.read_segment(left, SIZE) == b"\xA5" * SIZE
+    card.stop()
+    card.sandbox.remove_segment(left)
+    start()
+    right_again(card, others, unit, AT_MOST)
+    assert [s.uid for s in card.sandbox.segments()] == [65534]
+
+
 def test_a_reader_stays_attached_at_the_stop(plant):
     card, others, unit = plant()
     card.sandbox.hold_segment(card.sandbox.segment().id)
