@@ -68,10 +68,10 @@ class WallClock:
 
 class FastClock:
     """Both clocks and all waits of programs, so many times as fast. Somebody calls `tick` all the time
-    (Loop.keep_calling). No call counts for more than a millisecond of the machine's: a machine that keeps the caller
-    waiting keeps the programs' time-outs waiting too, which would run out at any high factor otherwise."""
+    (Loop.keep_calling). No call counts for more than MOST seconds of the machine's: a machine that keeps the caller or
+    the programs waiting slows the clocks down, so that the programs' time-outs don't run out for that reason."""
 
-    MOST = 0.001
+    MOST = 0.00025
 
     def __init__(self, path, factor):
         self.path = path
