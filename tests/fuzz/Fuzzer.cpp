@@ -1,9 +1,12 @@
 // The way in for libFuzzer.
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "fuzz/Harness.h"
+#include "support/Replaced.h"
 
+extern "C" int __real_system(const char* command);
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 extern "C" const char* __asan_default_options();
@@ -24,6 +27,12 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     *argc = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
     *argv = arguments.data();
+    // A merge starts itself again by system(), and runs no input before.
+    for (const char* const argument : arguments) {
+        if (argument != nullptr && std::strcmp(argument, "-merge=1") == 0) {
+            support::replaced::system().does(__real_system);
+        }
+    }
     fuzz::keepStderr();
     return 0;
 }
