@@ -25,6 +25,8 @@ if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
     SOURCE_DATE_EPOCH=$(git -c safe.directory='*' log -1 --format=%ct 2>/dev/null || stat -c %Y CHANGELOG.md)
 fi
 export SOURCE_DATE_EPOCH
+# A compiler cache that shortens paths to this folder would do so in the symbols too.
+unset CCACHE_BASEDIR CCACHE_NOHASHDIR
 umask 022
 
 options=()

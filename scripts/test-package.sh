@@ -1,9 +1,10 @@
 #!/bin/bash
 # Builds the packages and tests them: the same bytes out of two folders, hardened programs, lintian, what systemd thinks of
-# the unit, and in a clean Debian root: installed, started, upgraded, removed, purged, nothing left behind. For amd64
-# always, for armhf where this machine lets foreign programs run (binfmt_misc); else that is reported as skipped.
+# the unit, and in a clean Debian root: installed, started, upgraded, removed, purged, nothing left behind. Those of
+# armhf and arm64 too, but for their roots: armhf's where this machine lets foreign programs run (binfmt_misc), else that
+# is reported as skipped; arm64's never.
 #
-#   scripts/test-package.sh [--no-rebuild] [--no-armhf]     --no-rebuild: without the second build in another folder
+#   scripts/test-package.sh [--no-rebuild] [--no-arm]     --no-rebuild: without the second build in another folder
 #
 # Needs root (or sudo), for namespaces and change of root; works below build/package-test. Installs what is missing.
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -11,12 +12,12 @@ source "$root/scripts/clean-root.sh"
 cd "$root"
 
 rebuild=yes
-armhf=yes
+arm=yes
 for option in "$@"; do
     case "$option" in
         --no-rebuild) rebuild= ;;
-        --no-armhf) armhf= ;;
-        *) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 2 ;;
+        --no-arm) arm= ;;
+        *) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 2 ;;
     esac
 done
 if [ "$(id -u)" != 0 ]; then
@@ -69,6 +70,32 @@ hardened() {
     done
 }
 
+# What the packages of an architecture hold.
+content() {
+    local arch=$1 packages=$2 folder=$work/content-$1
+    check "$arch: lintian: no errors" lintian --allow-root --fail-on error "$packages"/*.deb
+    rm -rf "$folder"
+    dpkg-deb -x "$packages"/ugw_*_"$arch".deb "$folder"
+    dpkg-deb -x "$packages"/ugw-dbg_*_"$arch".deb "$folder"
+    check "$arch: programs are hardened" hardened "$folder"
+    check "$arch: symbols of the programs" symbols "$folder"
+    rm -rf "$folder"
+}
+
+symbols() {
+    local program id
+    for program in usr/sbin/UGW usr/bin/ugwctl; do
+        id=$(readelf -n "$1/$program" | grep 'Build ID')
+        [ "$id" ] && [ "$id" = "$(readelf -n "$1/usr/lib/debug/$program.debug" | grep 'Build ID')" ] || return 1
+        [[ $(readelf -SW "$1/usr/lib/debug/$program.debug") == *.debug_info* ]] || return 1
+    done
+}
+
+# Names of the packages that one depends on.
+depends() {
+    dpkg-deb -f "$1" Depends | tr ',' '\n' | sed 's/(.*//; s/ //g' | sort
+}
+
 # -- In a clean root ----------------------------------------------------------------------------------------------
 
 # Every path of a root but for what the package manager and the linker keep for themselves.
@@ -118,10 +145,7 @@ life() {
     check "$arch: ugw-dev installed" in_root "$folder" dpkg -i /tmp/dev.deb
     check "$arch: ugw-dev removed" in_root "$folder" dpkg -P ugw-dev
 
-    if [ "$arch" = "$host" ]; then
-        systemd_checks "$folder"
-        check "$arch: programs are hardened" hardened "$folder"
-    fi
+    [ "$arch" != "$host" ] || systemd_checks "$folder"
 
     check "$arch: removed" in_root "$folder" dpkg -r ugw
     check "$arch: removal leaves the arguments" test -f "$folder/etc/default/ugw"
@@ -170,16 +194,17 @@ busybox_life() {
 # Lets armhf programs run here: by what is registered, else by a registration that ends with this script.
 arm_runs() {
     need qemu-user-static
-    local mine=
-    if [ ! -e /proc/sys/fs/binfmt_misc/register ]; then
-        mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc 2>/dev/null || return 1
-        mine=mounted
+    local files=/proc/sys/fs/binfmt_misc undo=
+    if [ ! -e $files/register ]; then
+        mount -t binfmt_misc binfmt_misc $files 2>/dev/null || return 1
+        undo="umount $files"
+        trap "$undo" EXIT
     fi
-    if [ ! -e /proc/sys/fs/binfmt_misc/qemu-arm ]; then
+    if [ ! -e $files/qemu-arm ]; then
         # The interpreter is opened now (F), so that it need not be in the root.
         printf '%s' ':qemu-arm:M:0:\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x28\x00:\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff:/usr/bin/qemu-arm-static:F' \
-            >/proc/sys/fs/binfmt_misc/register 2>/dev/null || return 1
-        trap 'echo -1 >/proc/sys/fs/binfmt_misc/qemu-arm; [ "'"$mine"'" != mounted ] || umount /proc/sys/fs/binfmt_misc' EXIT
+            2>/dev/null >$files/register || return 1
+        trap "echo -1 >$files/qemu-arm; $undo" EXIT
     fi
 }
 
@@ -192,17 +217,25 @@ if [ "$rebuild" ]; then
 else
     tell skipped "the second build in another folder"
 fi
-check "lintian: no errors" lintian --allow-root --fail-on error build-release/packages/*.deb
+content "$host" build-release/packages
 life "$host" "$package"
 check "BusyBox start script" busybox_life "$package"
-if [ ! "$armhf" ]; then
-    tell skipped "armhf (--no-armhf)"
-elif ! arm_runs; then
-    tell skipped "armhf: binfmt_misc cannot be registered here"
+if [ "$arm" ]; then
+    scripts/package.sh armhf arm64
+    for arch in armhf arm64; do
+        packages=build-release-$arch/packages
+        content "$arch" "$packages"
+        # Written down for these; worked out for this host.
+        check "$arch: depends on what $host's does" test "$(depends "$packages"/ugw_*_"$arch".deb)" = "$(depends "$package")"
+        check "$arch: the same ugw-dev" cmp build-release/packages/ugw-dev_*.deb "$packages"/ugw-dev_*.deb
+    done
+    if arm_runs; then
+        life armhf "$(ls build-release-armhf/packages/ugw_*_armhf.deb)"
+    else
+        tell skipped "armhf: clean root: binfmt_misc cannot be registered here"
+    fi
 else
-    scripts/package.sh armhf
-    check "armhf: lintian: no errors" lintian --allow-root --fail-on error build-release-armhf/packages/*.deb
-    life armhf "$(ls build-release-armhf/packages/ugw_*_armhf.deb)"
+    tell skipped "armhf, arm64 (--no-arm)"
 fi
 
 printf '\n%s' "$report"
