@@ -59,10 +59,11 @@ def test_a_drain_takes_as_long_as_the_line(machine, card, figures, baud):
     machine.run("probe drain /dev/ttyQX1 %d 10 1" % baud)
     for count in (10, 103, 278):
         line = count * 10 / baud
-        taken = [int(word) / 1e6 for word in machine.run("probe drain /dev/ttyQX1 %d %d 3" % (baud, count)).split()]
-        figures["drain of %d bytes at %d baud" % (count, baud)] = "%s on a line that takes %s" % (
-            milliseconds(statistics.median(taken)), milliseconds(line))
-        assert abs(statistics.median(taken) - line) <= max(8 * 10 / baud, 0.15 * line), taken
+        taken = [int(word) / 1e6 for word in machine.run("probe drain /dev/ttyQX1 %d %d 5" % (baud, count)).split()]
+        # A host with other work can only make a drain longer: the shortest tells the driver's.
+        figures["drain of %d bytes at %d baud" % (count, baud)] = "shortest %s, median %s on a line that takes %s" % (
+            milliseconds(min(taken)), milliseconds(statistics.median(taken)), milliseconds(line))
+        assert abs(min(taken) - line) <= max(8 * 10 / baud, 0.15 * line), taken
 
 
 def test_a_break_reaches_a_gateway_without_a_controlling_terminal(machine, card):
