@@ -179,6 +179,10 @@ bool isModuleFrame(const Bytes& bytes) {
     return bytes == moduleFrame(bytes[1], bytes[2], command, data);
 }
 
+bool isForBypassUnit(const Bytes& frame) {
+    return frame.size() > 2 && frame[2] == '8';
+}
+
 std::size_t usualModuleLength(const Command& command) {
     static const std::map<Command, std::size_t> lengths = {{"DE", 58}, {"DS", 58},  {"GE", 16}, {"GI", 56}, {"GM", 4},
                                                            {"GN", 22}, {"RB", 109}, {"RC", 44}, {"RE", 58}, {"RK", 58},

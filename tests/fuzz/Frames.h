@@ -35,6 +35,10 @@ Bytes moduleFrame(std::uint8_t src, std::uint8_t dest, const Command& command, c
 bool isBusFrame(const Bytes& bytes);
 bool isModuleFrame(const Bytes& bytes);
 
+/// Whether a frame of the module link is meant for the cabinet's bypass unit. That has no slot, so no tunnelled query to
+/// it is ever answered; a program that asked its own card for its identification nevertheless would be stopped.
+bool isForBypassUnit(const Bytes& frame);
+
 /// A command of the bus, of the module link.
 Command busCommand(Input& in, std::uint8_t shape);
 Command moduleCommand(Input& in, std::uint8_t shape);

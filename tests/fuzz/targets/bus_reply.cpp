@@ -86,6 +86,9 @@ QCMgr* nextQuery(Input& in, std::uint8_t kind, bool& isQueued) {
     query.MainCmd = static_cast<uint8>(command[0]);
     query.SubCmd = static_cast<uint8>(command[1]);
     Bytes param = command == "QT" ? moduleFrame(in) : in.bytes(in.u8() % 32);
+    if (query.Dest == CABPAddr && command == "QT" && isForBypassUnit(param)) {
+        return nullptr;
+    }
     param.shrink_to_fit();
     query.pParam = param.empty() ? nullptr : param.data();
     query.ParamLen = static_cast<uint16>(param.size());

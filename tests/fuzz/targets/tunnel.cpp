@@ -47,9 +47,8 @@ void answer(Input& in) {
 // The same, past the question whether the card has that module. What it queues then can't be carried out.
 void build(Input& in) {
     Bytes data = moduleFrame(in);
-    pckStruct inner;
-    if (CABP_ExtractTunnelled(carrier(data, 0xEA, OWN), inner) && inner.Dest == BYPASSUNIT) {
-        return;  // has no slot, so that question always holds it back; whoever asked for its identification would stop
+    if (isForBypassUnit(data)) {
+        return;  // that question always holds it back
     }
     const Bytes before = card->tree();
     const std::size_t sent = card->plant.line().writes().size();
