@@ -1,4 +1,5 @@
 // Registration of the modules, and what others read and write of a module's data.
+#include <cstdlib>
 #include <cstring>
 
 #include "CABP/CABPTypes.h"

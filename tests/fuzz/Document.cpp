@@ -3,6 +3,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+#include <cstdio>
 #include <cstring>
 
 #include "Common/Globals.h"
@@ -81,11 +82,12 @@ void requireDocumentOf(const virtualNode_t& root) {
     }
     const QJsonObject all = parsed(document, "the status file");
     const dataObject_t& ups = root.desc.sys.Ups;
+    // The file tells it as a long, which has a sign and on the card 32 bits.
     const struct {
         const char* key;
         double value;
     } numbers[] = {{"NOMINALPOWERVA", static_cast<double>(root.nominal.VA)},
-                   {"NOMINALPOWERW", static_cast<double>(root.nominal.W)},
+                   {"NOMINALPOWERW", static_cast<double>(static_cast<long>(root.nominal.W))},
                    {"INPUTVOLTAGE", static_cast<double>(ups.Vin[0])},
                    {"OUTPUTLOAD3", static_cast<double>(ups.Load[2])},
                    {"OUTPUTCURRENTP2", static_cast<double>(ups.Iout_pk[1])},

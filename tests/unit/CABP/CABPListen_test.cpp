@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "Bus.h"
 #include "support/VirtualClock.h"

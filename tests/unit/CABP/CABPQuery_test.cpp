@@ -2,6 +2,8 @@
 #include <asm/ioctls.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 
 #include "Bus.h"

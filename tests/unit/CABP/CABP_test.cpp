@@ -1,5 +1,6 @@
 #include "CABP/CABP.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <set>
 

@@ -1,4 +1,5 @@
 // The states of the elements that a pass leaves in the tree, and the boards that ask for their configuration.
+#include <cstring>
 #include <ostream>
 #include <string>
 

@@ -1,6 +1,7 @@
 // A pass as a whole: when it runs, what it publishes, the status file at its end, and what it must not do.
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "support/Allocations.h"

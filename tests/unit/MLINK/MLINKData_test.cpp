@@ -1,6 +1,7 @@
 // What a module's reply leaves in its node, byte by byte, and that it leaves all else alone.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "unit/MLINK/DataCard.h"

@@ -1,7 +1,9 @@
 // Hunting for a reply on the module line, and the judging of a reply against its query.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <deque>
 
 #include "unit/MLINK/Link.h"

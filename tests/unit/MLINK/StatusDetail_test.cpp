@@ -1,6 +1,7 @@
 // The module's status bits: where each is kept, which alarm it raises, and its text.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>

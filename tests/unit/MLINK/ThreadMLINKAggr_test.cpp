@@ -1,4 +1,6 @@
 // The own module folded into the cabinet's record.
+#include <cstring>
+
 #include "unit/MLINK/ModuleAggregation.h"
 
 namespace {

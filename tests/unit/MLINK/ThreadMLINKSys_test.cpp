@@ -1,5 +1,6 @@
 // Commands to the whole system, which go to the master's module, and commands to a single module.
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "MLINK/ThreadMLINK.h"

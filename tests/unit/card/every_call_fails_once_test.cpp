@@ -19,8 +19,8 @@ using namespace modline;
 namespace faults = support::faults;
 
 constexpr int DESCRIPTORS = 64;
-constexpr unsigned REAL_LIMIT_S = 30;  // of one life, which takes milliseconds
-constexpr std::int64_t STOP = 600 * SECOND;
+constexpr unsigned REAL_LIMIT_S = 100;  // of one life: some retry a command until the stop
+constexpr std::int64_t STOP = 200 * SECOND;
 constexpr std::int64_t LIMIT = 3600 * SECOND;
 
 // Ends of a life, as exit codes.

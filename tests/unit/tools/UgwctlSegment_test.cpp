@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 
 #include "HandMade.h"
 #include "support/Replaced.h"

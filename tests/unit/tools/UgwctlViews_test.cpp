@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include "tools/ugwctl/Views.h"
 
 #include <gtest/gtest.h>
