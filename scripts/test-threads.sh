@@ -11,7 +11,8 @@ cd "$root"
 
 # Left out, because they measure what the sanitizer changes:
 left_out=(
-    test_bad_lines.py test_bad_log.py test_bad_neighbours.py test_bad_process.py  # memory, which its shadow lets grow
+    # memory, which its shadow lets grow
+    test_bad_commands.py test_bad_lines.py test_bad_log.py test_bad_neighbours.py test_bad_process.py
     # the times of a round, of late answers and of the rest after a bad one, to fractions of a second
     test_module_round.py test_module_late.py test_module_faults.py
 )
